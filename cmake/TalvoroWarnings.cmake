@@ -1,0 +1,28 @@
+# Warning flags for the project's own targets, and the sanitizer flags for the library and its
+# tests. The virtual camera is never sanitized: it is preloaded into arbitrary processes.
+set(TALVORO_WARNING_FLAGS -Wall -Wextra)
+if(TALVORO_WERROR)
+  list(APPEND TALVORO_WARNING_FLAGS -Werror)
+endif()
+
+set(TALVORO_SANITIZER_FLAGS "")
+if(TALVORO_ASAN AND TALVORO_TSAN)
+  message(FATAL_ERROR "TALVORO_ASAN and TALVORO_TSAN cannot be combined")
+elseif(TALVORO_ASAN)
+  set(TALVORO_SANITIZER_FLAGS -fsanitize=address,undefined -fno-omit-frame-pointer
+      -fno-sanitize-recover=undefined)
+elseif(TALVORO_TSAN)
+  set(TALVORO_SANITIZER_FLAGS -fsanitize=thread -fno-omit-frame-pointer)
+endif()
+
+# talvoro_target_defaults(<target> [SANITIZE])
+function(talvoro_target_defaults target)
+  cmake_parse_arguments(ARG "SANITIZE" "" "" ${ARGN})
+  target_compile_options(${target} PRIVATE ${TALVORO_WARNING_FLAGS})
+  if(ARG_SANITIZE AND TALVORO_SANITIZER_FLAGS)
+    # GCC's maybe-uninitialized analysis misfires on instrumented libstdc++ code (std::regex,
+    # std::function); the normal build keeps the warning.
+    target_compile_options(${target} PRIVATE ${TALVORO_SANITIZER_FLAGS} -Wno-maybe-uninitialized)
+    target_link_options(${target} PRIVATE ${TALVORO_SANITIZER_FLAGS})
+  endif()
+endfunction()
