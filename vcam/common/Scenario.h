@@ -1,0 +1,60 @@
+// What the virtual camera presents: cameras, extra video nodes and global options.
+// Shared by the launcher (which builds the sysfs tree) and the preload (which emulates the nodes).
+#ifndef TALVORO_VCAM_SCENARIO_H
+#define TALVORO_VCAM_SCENARIO_H
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace vcam {
+
+struct CameraSpec {
+    std::string serial;  // USB serial number
+    std::string product = "Talvoro Depth Camera";
+    std::string vendorId = "7e91";
+    std::string productId = "a05c";
+    std::vector<std::string> omit;    // sysfs attributes left out: serial, product
+    int video = -1;                   // capture node number (-1: assigned)
+    int meta = -1;                    // metadata node number (-1: assigned)
+    int hidraw = -1;                  // HID command node number (-1: assigned)
+    int hidrawImu = -1;               // HID IMU node number (-1: assigned)
+    std::string usbPort;              // e.g. "1-2" (empty: assigned)
+    double fps = 0;                   // 0: the scenario's frame rate
+    std::string replay;               // recording to play instead of the synthetic scene
+    std::vector<std::string> faults;  // fault specifications, see docs/vcam.md
+
+    bool omits(const std::string& attribute) const;
+};
+
+// A video node that is not one of our cameras.
+struct NodeSpec {
+    std::string type = "platform";  // "platform": non-USB capture node; "usb-other": another
+                                    // vendor's USB camera
+    int video = -1;
+};
+
+struct Scenario {
+    double fps = 30;
+    std::string trace;  // wire trace file (empty: off)
+    std::vector<CameraSpec> cameras;
+    std::vector<NodeSpec> nodes;
+
+    // Assigns node numbers, serials and USB ports left open; fails on clashes.
+    bool resolve(std::string* error);
+
+    // The scenario file format (documented in docs/vcam.md). parse() appends to this scenario.
+    bool parse(const std::string& text, std::string* error);
+    std::string serialize() const;
+
+    // Command-line forms: "--camera key=value,key=value" and "--node key=value,...".
+    bool addCameraFromOptions(const std::string& options, std::string* error);
+    bool addNodeFromOptions(const std::string& options, std::string* error);
+};
+
+// Reads a scenario file (parse + resolve).
+bool loadScenarioFile(const std::string& path, Scenario* scenario, std::string* error);
+
+}  // namespace vcam
+
+#endif
