@@ -77,9 +77,11 @@ bool setCameraKey(CameraSpec* cam, const std::string& key, const std::string& va
         ok = parseFps(value, &cam->fps);
     else if (key == "replay")
         cam->replay = value;
-    else if (key == "fault")
+    else if (key == "fault") {
+        FaultSpec fault;
+        if (!parseFault(value, &fault, error)) return false;
         cam->faults.push_back(value);
-    else {
+    } else {
         *error = "unknown camera key '" + key + "'";
         return false;
     }
@@ -123,6 +125,47 @@ bool splitOptions(const std::string& options, std::vector<std::pair<std::string,
 }
 
 }  // namespace
+
+const std::vector<std::string>& knownFaults() {
+    static const std::vector<std::string> names = {
+        "unplug",       // the camera disappears at a frame
+        "stall",        // no frames
+        "short",        // frames with bytesused below the buffer length
+        "malformed",    // multiplexed frames with a 481st depth line
+        "reqbufs",      // REQBUFS grants ARG buffers, whatever was asked
+        "eintr",        // ioctls fail once with EINTR before they succeed
+        "hid-silence",  // the HID command interface does not answer
+        "hid-nak",      // HID answers carry a negative acknowledgement
+        "xu-fail",      // extension-unit queries fail
+    };
+    return names;
+}
+
+bool parseFault(const std::string& text, FaultSpec* fault, std::string* error) {
+    FaultSpec f;
+    std::string rest = trim(text);
+    const auto at = rest.find('@');
+    if (at != std::string::npos) {
+        const std::string frame = rest.substr(at + 1);
+        char* end = nullptr;
+        f.atFrame = std::strtol(frame.c_str(), &end, 10);
+        if (frame.empty() || *end != '\0' || f.atFrame < 0) {
+            *error = "bad frame number in fault '" + text + "'";
+            return false;
+        }
+        rest = rest.substr(0, at);
+    }
+    const auto colon = rest.find(':');
+    f.name = rest.substr(0, colon);
+    if (colon != std::string::npos) f.arg = rest.substr(colon + 1);
+    const auto& known = knownFaults();
+    if (std::find(known.begin(), known.end(), f.name) == known.end()) {
+        *error = "unknown fault '" + f.name + "'";
+        return false;
+    }
+    *fault = f;
+    return true;
+}
 
 bool CameraSpec::omits(const std::string& attribute) const {
     return std::find(omit.begin(), omit.end(), attribute) != omit.end();
@@ -199,7 +242,7 @@ bool Scenario::addCameraFromOptions(const std::string& options, std::string* err
         // Several faults are separated with ';' on the command line.
         if (k == "fault") {
             for (const auto& f : splitList(v, ';'))
-                cam.faults.push_back(f);
+                if (!setCameraKey(&cam, k, f, error)) return false;
             continue;
         }
         if (!setCameraKey(&cam, k, v, error)) return false;

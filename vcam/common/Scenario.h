@@ -9,6 +9,18 @@
 
 namespace vcam {
 
+// One fault: "NAME", "NAME:ARG", "NAME@FRAME" or "NAME:ARG@FRAME" (see docs/vcam.md).
+struct FaultSpec {
+    std::string name;
+    std::string arg;   // meaning depends on the fault; empty when not given
+    long atFrame = 0;  // the fault starts with this frame (0: from the start)
+};
+
+// Parses a fault; fails on unknown names and malformed text.
+bool parseFault(const std::string& text, FaultSpec* fault, std::string* error);
+// The fault names the virtual camera knows.
+const std::vector<std::string>& knownFaults();
+
 struct CameraSpec {
     std::string serial;  // USB serial number
     std::string product = "Talvoro Depth Camera";

@@ -27,6 +27,19 @@ inline int cameraCount() {
     return fn ? fn() : -1;
 }
 
+/* Adds a fault to the camera with `serial` while the program runs; `spec` has the scenario
+ * file's syntax (e.g. "stall", "unplug@10", "hid-nak:0x13"). False when not possible. */
+inline bool injectFault(const char* serial, const char* spec) {
+    auto fn = lookup<int (*)(const char*, const char*)>("talvoro_vcam_inject_fault");
+    return fn && fn(serial, spec) == 0;
+}
+
+/* Removes every fault called `name` from the camera. */
+inline bool clearFault(const char* serial, const char* name) {
+    auto fn = lookup<int (*)(const char*, const char*)>("talvoro_vcam_clear_fault");
+    return fn && fn(serial, name) == 0;
+}
+
 }  // namespace talvoro_vcam
 
 #endif

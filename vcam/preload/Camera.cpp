@@ -1,11 +1,41 @@
 #include "Camera.h"
 
+#include <algorithm>
+
 #include "HidNode.h"
 #include "VideoNode.h"
 
 namespace vcam {
 
-Camera::Camera(const CameraSpec& spec) : spec_(spec) {}
+Camera::Camera(const CameraSpec& spec) : spec_(spec) {
+    for (const auto& text : spec_.faults) {
+        FaultSpec fault;
+        std::string error;
+        if (parseFault(text, &fault, &error)) faults_.push_back(fault);
+    }
+}
+
+void Camera::addFault(const FaultSpec& fault) {
+    std::lock_guard<std::mutex> lock(faultMutex_);
+    faults_.push_back(fault);
+}
+
+void Camera::clearFault(const std::string& name) {
+    std::lock_guard<std::mutex> lock(faultMutex_);
+    faults_.erase(std::remove_if(faults_.begin(), faults_.end(),
+                                 [&](const FaultSpec& f) { return f.name == name; }),
+                  faults_.end());
+}
+
+bool Camera::findFault(const std::string& name, FaultSpec* fault) const {
+    std::lock_guard<std::mutex> lock(faultMutex_);
+    for (const auto& f : faults_) {
+        if (f.name != name) continue;
+        if (fault) *fault = f;
+        return true;
+    }
+    return false;
+}
 
 std::string Camera::busInfo() const {
     // "1-2" is port 2 of bus 1 on the xHCI controller the testbed builds.

@@ -2,8 +2,12 @@
 #ifndef TALVORO_VCAM_CAMERA_H
 #define TALVORO_VCAM_CAMERA_H
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
 #include "Scenario.h"
 
@@ -12,11 +16,31 @@ namespace vcam {
 class VideoNode;
 class HidNode;
 
+// What the control side (extension-unit and HID firmware) sets and the stream follows.
+struct CameraState {
+    // Extension-unit frame mode (command 0x1A): first 0 = depth, IR and colour multiplexed,
+    // 1 = ToF only, 2 = colour only; second selects the ToF content when first is 1
+    // (0 depth and IR, 2 depth, 3 IR). A camera starts multiplexed.
+    std::atomic<uint16_t> frameModeFirst{0};
+    std::atomic<uint8_t> frameModeSecond{0};
+    // 0 near range (millimetres), 1 far range (depth in 2 mm units).
+    std::atomic<uint16_t> depthRange{0};
+    // Set once by the unplug fault: every node refuses from then on.
+    std::atomic<bool> unplugged{false};
+};
+
 class Camera {
   public:
     explicit Camera(const CameraSpec& spec);
 
     const CameraSpec& spec() const { return spec_; }
+    CameraState state;
+
+    // Faults from the scenario and injected at run time; the stream and the firmware look
+    // them up where they apply.
+    void addFault(const FaultSpec& fault);
+    void clearFault(const std::string& name);
+    bool findFault(const std::string& name, FaultSpec* fault = nullptr) const;
     // uvcvideo's bus_info for the camera's USB port, e.g. "usb-0000:00:14.0-2".
     std::string busInfo() const;
 
@@ -27,6 +51,8 @@ class Camera {
 
   private:
     CameraSpec spec_;
+    mutable std::mutex faultMutex_;
+    std::vector<FaultSpec> faults_;
 };
 
 }  // namespace vcam
