@@ -14,6 +14,14 @@ elseif(TALVORO_ASAN)
 elseif(TALVORO_TSAN)
   set(TALVORO_SANITIZER_FLAGS -fsanitize=thread -fno-omit-frame-pointer)
 endif()
+if(TALVORO_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "TALVORO_FUZZ needs clang (CC=clang CXX=clang++)")
+  endif()
+  # The code under test is instrumented for coverage; only fuzz targets link the fuzzer's main.
+  list(APPEND TALVORO_SANITIZER_FLAGS -fsanitize=fuzzer-no-link,address,undefined
+       -fno-omit-frame-pointer)
+endif()
 
 # talvoro_target_defaults(<target> [SANITIZE])
 function(talvoro_target_defaults target)

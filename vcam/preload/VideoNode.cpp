@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "Camera.h"
+#include "VideoControls.h"
 
 namespace vcam {
 
@@ -78,6 +79,11 @@ VideoNode& VideoOpenFile::video() const {
 }
 
 int VideoOpenFile::ioctl(unsigned long request, void* arg) {
+    if (video().kind() == VideoNode::Kind::Capture) {
+        bool handled = false;
+        const int r = videoControlIoctl(*video().camera(), request, arg, &handled);
+        if (handled) return r;
+    }
     switch (request) {
         case VIDIOC_QUERYCAP:
             video().fillCapability(static_cast<v4l2_capability*>(arg));
