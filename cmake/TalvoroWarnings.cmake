@@ -30,7 +30,8 @@ function(talvoro_target_defaults target)
   if(ARG_SANITIZE AND TALVORO_SANITIZER_FLAGS)
     # GCC's maybe-uninitialized analysis misfires on instrumented libstdc++ code (std::regex,
     # std::function); the normal build keeps the warning.
-    target_compile_options(${target} PRIVATE ${TALVORO_SANITIZER_FLAGS} -Wno-maybe-uninitialized)
+    target_compile_options(${target} PRIVATE ${TALVORO_SANITIZER_FLAGS}
+                           $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
     target_link_options(${target} PRIVATE ${TALVORO_SANITIZER_FLAGS})
   endif()
 endfunction()
