@@ -51,6 +51,10 @@ class VirtualCamera : public ::testing::Test {
     std::string logText() const {
         return talvoro_test::readFile(logDir.file(Log::getInstance()->fileName()));
     }
+    static Result openOn(HID& hid, const char* serial) {
+        DeviceInfo info = camera(serial);
+        return hid.openHID(&info);
+    }
     TempDir logDir{true};
     WireTrace trace;
 };
@@ -59,8 +63,7 @@ class HidChannel : public VirtualCamera {
   protected:
     void SetUp() override {
         VirtualCamera::SetUp();
-        DeviceInfo info = camera(kSerial);
-        ASSERT_EQ(hid.openHID(&info), Ok);
+        ASSERT_EQ(openOn(hid, kSerial), Ok);
         trace.mark();
     }
     void TearDown() override {
@@ -75,15 +78,13 @@ class HidChannel : public VirtualCamera {
 
 TEST_F(HidChannel, PairsTheNodesOfTheCameraWithTheSerial) {
     HID other;
-    DeviceInfo a = camera("HID-A");
-    ASSERT_EQ(other.openHID(&a), Ok);
+    ASSERT_EQ(openOn(other, "HID-A"), Ok);
     trace.mark();
     EXPECT_EQ(other.setCameraMode(1), Ok);
     EXPECT_EQ(trace.lines("hidraw0 > ").size(), 1u);
     EXPECT_TRUE(trace.lines("hidraw2").empty());
 
-    DeviceInfo unknown = camera("NOBODY");
-    EXPECT_EQ(other.openHID(&unknown), CameraNotOpened);
+    EXPECT_EQ(openOn(other, "NOBODY"), CameraNotOpened);
     EXPECT_EQ(TALVOROError::cErrorNo.load(), CameraNotOpened);
     EXPECT_EQ(other.openHID(nullptr), InvalidValue);
     // The first open's nodes were given up by the failed one.
@@ -96,7 +97,9 @@ TEST_F(HidChannel, CommandsFailToWriteBeforeOpenAndAfterClose) {
     EXPECT_EQ(closed.getSceneMode(&value), HidWriteFail);
     EXPECT_EQ(value, 255);
     EXPECT_EQ(TALVOROError::cErrorNo.load(), HidWriteFail);
-    EXPECT_EQ(hid.closeHID(), CameraNotOpened);  // by design, although closing worked
+    IMUDATAOUTPUT_TypeDef sample{};
+    EXPECT_EQ(closed.getIMUValue(&sample), TimeoutError);  // the pause fails on no descriptor
+    EXPECT_EQ(hid.closeHID(), CameraNotOpened);            // by design, although closing worked
     EXPECT_EQ(hid.setSceneMode(1), HidWriteFail);
     EXPECT_TRUE(trace.lines().empty());
 }
@@ -479,8 +482,7 @@ using OddCamera = VirtualCamera;
 
 TEST_F(OddCamera, MissingEmptyAndForeignBlobsAndAnOverlongBoardCount) {
     HID hid;
-    DeviceInfo info = camera("HID-ODD");
-    ASSERT_EQ(hid.openHID(&info), Ok);
+    ASSERT_EQ(openOn(hid, "HID-ODD"), Ok);
     int size = 77;
     EXPECT_EQ(hid.calibReadReqDepthIntrinsic(&size), GetValueFailed);  // no depth blob
     EXPECT_EQ(size, 77);
@@ -507,18 +509,15 @@ using NoSerial = VirtualCamera;
 
 TEST_F(NoSerial, NodesWithoutASerialNeverPair) {
     HID hid;
-    DeviceInfo info = camera("");
-    EXPECT_EQ(hid.openHID(&info), CameraNotOpened);
-    info = camera("NOSER");
-    EXPECT_EQ(hid.openHID(&info), CameraNotOpened);
+    EXPECT_EQ(openOn(hid, ""), CameraNotOpened);
+    EXPECT_EQ(openOn(hid, "NOSER"), CameraNotOpened);
 }
 
 using Unplugged = VirtualCamera;
 
 TEST_F(Unplugged, CommandsFailOnceTheCameraIsGone) {
     HID hid;
-    DeviceInfo info = camera("HID-GONE");
-    ASSERT_EQ(hid.openHID(&info), Ok);
+    ASSERT_EQ(openOn(hid, "HID-GONE"), Ok);
     ASSERT_TRUE(talvoro_vcam::injectFault("HID-GONE", "unplug"));
     unsigned char value = 0;
     EXPECT_EQ(hid.getSceneMode(&value), HidWriteFail);
@@ -527,7 +526,7 @@ TEST_F(Unplugged, CommandsFailOnceTheCameraIsGone) {
     EXPECT_EQ(hid.getIMUValue(&sample), HidReadFail);
     // The nodes are still listed by udev, but cannot be opened any more.
     HID again;
-    EXPECT_EQ(again.openHID(&info), CameraNotOpened);
+    EXPECT_EQ(openOn(again, "HID-GONE"), CameraNotOpened);
     EXPECT_NE(logText().find("  : \nTalvoroSDK:hid open:\n"), std::string::npos);
 }
 
@@ -535,8 +534,7 @@ using Interrupted = VirtualCamera;
 
 TEST_F(Interrupted, CallsInterruptedBySignalsAreRepeated) {
     HID hid;
-    DeviceInfo info = camera("HID-EINTR");
-    ASSERT_EQ(hid.openHID(&info), Ok);
+    ASSERT_EQ(openOn(hid, "HID-EINTR"), Ok);
     trace.mark();
     ASSERT_EQ(hid.setSceneMode(1), Ok);
     unsigned char value = 0;
@@ -550,8 +548,7 @@ using Silence = VirtualCamera;
 // The one test that waits out the protocol's 5 s answer timeout.
 TEST_F(Silence, AnUnansweredRequestFailsToReadAfterFiveSeconds) {
     HID hid;
-    DeviceInfo info = camera("HID-QUIET");
-    ASSERT_EQ(hid.openHID(&info), Ok);
+    ASSERT_EQ(openOn(hid, "HID-QUIET"), Ok);
     ASSERT_TRUE(talvoro_vcam::injectFault("HID-QUIET", "hid-silence:0x12"));
     unsigned char value = 0;
     trace.mark();

@@ -31,7 +31,9 @@ const ControlInfo* queried(uint32_t id) {
     return StandardControls::find(id);
 }
 
-int queryCtrl(StandardControls& controls, v4l2_queryctrl* q) {
+// VIDIOC_QUERYCTRL and VIDIOC_QUERY_EXT_CTRL: their records share these fields.
+template <typename Query>
+int queryCtrl(StandardControls& controls, Query* q) {
     const ControlInfo* c = queried(q->id);
     if (!c) return -EINVAL;
     std::memset(q, 0, sizeof *q);
@@ -40,24 +42,14 @@ int queryCtrl(StandardControls& controls, v4l2_queryctrl* q) {
     copyName(q->name, sizeof q->name, c->name);
     q->minimum = c->minimum;
     q->maximum = c->maximum;
-    q->step = c->step;
+    q->step = static_cast<decltype(q->step)>(c->step);
     q->default_value = c->defaultValue;
     q->flags = controls.flags(*c);
     return 0;
 }
 
 int queryExtCtrl(StandardControls& controls, v4l2_query_ext_ctrl* q) {
-    const ControlInfo* c = queried(q->id);
-    if (!c) return -EINVAL;
-    std::memset(q, 0, sizeof *q);
-    q->id = c->id;
-    q->type = c->type;
-    copyName(q->name, sizeof q->name, c->name);
-    q->minimum = c->minimum;
-    q->maximum = c->maximum;
-    q->step = static_cast<__u64>(c->step);
-    q->default_value = c->defaultValue;
-    q->flags = controls.flags(*c);
+    if (const int r = queryCtrl(controls, q)) return r;
     q->elem_size = sizeof(int32_t);
     q->elems = 1;
     return 0;
