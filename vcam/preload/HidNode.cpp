@@ -76,6 +76,7 @@ bool HidOpenFile::deliver(const HidReport& report) {
 
 int HidOpenFile::ioctl(unsigned long request, void* arg) {
     if (const int err = failure()) return -err;
+    if (!arg) return request == HIDIOCGRDESCSIZE || request == HIDIOCGRAWINFO ? -EFAULT : -ENOTTY;
     switch (request) {
         case HIDIOCGRDESCSIZE:
             *static_cast<int*>(arg) = hid().kind() == HidNode::Kind::Command
@@ -112,6 +113,10 @@ ssize_t HidOpenFile::write(int, const void* buf, std::size_t count) {
     HidReport request{};
     if (count == 0 || count > request.size()) {
         errno = EINVAL;
+        return -1;
+    }
+    if (!buf) {
+        errno = EFAULT;
         return -1;
     }
     std::memcpy(request.data(), buf, count);

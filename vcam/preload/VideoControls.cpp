@@ -130,6 +130,7 @@ int videoControlIoctl(Camera& camera, unsigned long request, void* arg, bool* ha
     StandardControls& controls = fw.controls();
     switch (request) {
         case UVCIOC_CTRL_QUERY:
+            if (!arg) return -EFAULT;
             return fw.extensionUnit().query(*static_cast<uvc_xu_control_query*>(arg));
         case VIDIOC_QUERYCTRL:
         case VIDIOC_QUERY_EXT_CTRL:
@@ -144,6 +145,7 @@ int videoControlIoctl(Camera& camera, unsigned long request, void* arg, bool* ha
             *handled = false;
             return 0;
     }
+    if (!arg) return -EFAULT;
     if (fw.unplugged()) return -ENODEV;
     switch (request) {
         case VIDIOC_QUERYCTRL:
