@@ -47,21 +47,23 @@ void ImuStream::configure() {
 
 void ImuStream::start() {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (run_) return;
-    run_ = std::make_shared<Run>();
-    // Detached: the firmware lives as long as the process, and stop() ends the loop.
-    std::thread([this, run = run_] { loop(run); }).detach();
+    if (thread_.joinable()) return;
+    {
+        std::lock_guard<std::mutex> runLock(runMutex_);
+        stopping_ = false;
+    }
+    thread_ = std::thread([this] { loop(); });
 }
 
 void ImuStream::stop() {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (!run_) return;
+    if (!thread_.joinable()) return;
     {
-        std::lock_guard<std::mutex> runLock(run_->mutex);
-        run_->stop = true;
+        std::lock_guard<std::mutex> runLock(runMutex_);
+        stopping_ = true;
+        wake_.notify_all();
     }
-    run_->wake.notify_all();
-    run_.reset();
+    thread_.join();
 }
 
 void ImuStream::resume() {
@@ -86,15 +88,15 @@ void ImuStream::fillReport(HidReport* r) {
     (*r)[48] = 0x01;
 }
 
-void ImuStream::loop(std::shared_ptr<Run> run) {
+void ImuStream::loop() {
     using Clock = std::chrono::steady_clock;
     const auto period = std::chrono::duration_cast<Clock::duration>(
         std::chrono::duration<double>(1.0 / firmware_.camera().spec().firmware.imuRate));
     auto next = Clock::now();
-    std::unique_lock<std::mutex> lock(run->mutex);
+    std::unique_lock<std::mutex> lock(runMutex_);
     for (;;) {
         next += period;
-        if (run->wake.wait_until(lock, next, [&] { return run->stop; })) return;
+        if (wake_.wait_until(lock, next, [&] { return stopping_; })) return;
         lock.unlock();
         if (firmware_.unplugged()) return;
         HidReport report;

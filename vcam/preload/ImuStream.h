@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <thread>
 
 #include "HidFirmware.h"
 
@@ -38,16 +39,14 @@ class ImuStream {
     void fillReport(HidReport* report);
 
   private:
-    struct Run {
-        std::mutex mutex;
-        std::condition_variable wake;
-        bool stop = false;
-    };
-    void loop(std::shared_ptr<Run> run);
+    void loop();
 
     Firmware& firmware_;
-    std::mutex mutex_;
-    std::shared_ptr<Run> run_;  // null while capture is off
+    std::mutex mutex_;    // serialises start and stop
+    std::thread thread_;  // joinable while capture is on
+    std::mutex runMutex_;
+    std::condition_variable wake_;
+    bool stopping_ = false;
     std::atomic<uint16_t> counter_{0};
     std::atomic<uint8_t> accAxes_{7}, accRange_{0}, gyroAxes_{7}, gyroRange_{0};
 };
