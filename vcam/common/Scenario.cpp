@@ -81,6 +81,8 @@ bool setCameraKey(CameraSpec* cam, const std::string& key, const std::string& va
         FaultSpec fault;
         if (!parseFault(value, &fault, error)) return false;
         cam->faults.push_back(value);
+    } else if (isFirmwareKey(key)) {
+        return setFirmwareKey(&cam->firmware, key, value, error);
     } else {
         *error = "unknown camera key '" + key + "'";
         return false;
@@ -348,6 +350,7 @@ std::string Scenario::serialize() const {
         if (!c.replay.empty()) out << "replay = " << c.replay << "\n";
         for (const auto& f : c.faults)
             out << "fault = " << f << "\n";
+        out << serializeFirmware(c.firmware);
     }
     for (const auto& n : nodes) {
         out << "\n[node]\ntype = " << n.type << "\nvideo = " << n.video << "\n";

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "FirmwareSpec.h"
+
 namespace vcam {
 
 // One fault: "NAME", "NAME:ARG", "NAME@FRAME" or "NAME:ARG@FRAME" (see docs/vcam.md).
@@ -35,6 +37,7 @@ struct CameraSpec {
     double fps = 0;                   // 0: the scenario's frame rate
     std::string replay;               // recording to play instead of the synthetic scene
     std::vector<std::string> faults;  // fault specifications, see docs/vcam.md
+    FirmwareSpec firmware;            // identity, board data and calibration blobs
 
     bool omits(const std::string& attribute) const;
 };

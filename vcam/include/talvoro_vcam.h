@@ -40,6 +40,12 @@ inline bool clearFault(const char* serial, const char* name) {
     return fn && fn(serial, name) == 0;
 }
 
+/* The wire trace file of this run (see docs/vcam.md), or "" when there is none. */
+inline const char* tracePath() {
+    auto fn = lookup<const char* (*)()>("talvoro_vcam_trace_path");
+    return fn ? fn() : "";
+}
+
 }  // namespace talvoro_vcam
 
 #endif

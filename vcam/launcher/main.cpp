@@ -168,6 +168,11 @@ int main(int argc, char** argv) {
     if (!anyCamera) scenario.cameras.resize(1);
     if (fps > 0) scenario.fps = fps;
     if (!trace.empty()) scenario.trace = trace;
+    // Every process of the run appends to the trace, whatever its working directory.
+    if (!scenario.trace.empty() && scenario.trace[0] != '/') {
+        char cwd[PATH_MAX];
+        if (getcwd(cwd, sizeof cwd)) scenario.trace = std::string(cwd) + "/" + scenario.trace;
+    }
     if (!scenario.resolve(&error)) return usageError(error);
     if (printOnly) {
         std::cout << scenario.serialize();
@@ -196,6 +201,11 @@ int main(int argc, char** argv) {
             std::cerr << "talvoro-vcam: cannot write " << scenarioPath << "\n";
             return 127;
         }
+    }
+
+    if (!scenario.trace.empty() && !std::ofstream(scenario.trace, std::ios::trunc)) {
+        std::cerr << "talvoro-vcam: cannot write the trace file " << scenario.trace << "\n";
+        return 127;
     }
 
     const std::string others = otherPreloads();

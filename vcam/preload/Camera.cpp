@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "Firmware.h"
 #include "HidNode.h"
 #include "VideoNode.h"
 
@@ -13,6 +14,7 @@ Camera::Camera(const CameraSpec& spec) : spec_(spec) {
         std::string error;
         if (parseFault(text, &fault, &error)) faults_.push_back(fault);
     }
+    firmware = std::make_shared<Firmware>(*this);
 }
 
 void Camera::addFault(const FaultSpec& fault) {
@@ -35,6 +37,14 @@ bool Camera::findFault(const std::string& name, FaultSpec* fault) const {
         return true;
     }
     return false;
+}
+
+std::vector<FaultSpec> Camera::findFaults(const std::string& name) const {
+    std::lock_guard<std::mutex> lock(faultMutex_);
+    std::vector<FaultSpec> found;
+    for (const auto& f : faults_)
+        if (f.name == name) found.push_back(f);
+    return found;
 }
 
 std::string Camera::busInfo() const {

@@ -15,6 +15,7 @@ namespace vcam {
 
 class VideoNode;
 class HidNode;
+class Firmware;
 
 // What the control side (extension-unit and HID firmware) sets and the stream follows.
 struct CameraState {
@@ -41,6 +42,8 @@ class Camera {
     void addFault(const FaultSpec& fault);
     void clearFault(const std::string& name);
     bool findFault(const std::string& name, FaultSpec* fault = nullptr) const;
+    // Every fault called `name`, in the order they were added.
+    std::vector<FaultSpec> findFaults(const std::string& name) const;
     // uvcvideo's bus_info for the camera's USB port, e.g. "usb-0000:00:14.0-2".
     std::string busInfo() const;
 
@@ -48,6 +51,8 @@ class Camera {
     std::shared_ptr<VideoNode> metadata;
     std::shared_ptr<HidNode> hidCommand;
     std::shared_ptr<HidNode> hidImu;
+    // The control firmware (extension unit, standard controls, HID, IMU).
+    std::shared_ptr<Firmware> firmware;
 
   private:
     CameraSpec spec_;

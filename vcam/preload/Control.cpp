@@ -24,6 +24,12 @@ __attribute__((visibility("default"))) int talvoro_vcam_inject_fault(const char*
     return 0;
 }
 
+// The wire trace file of this run, or "" when there is none (or no virtual camera).
+__attribute__((visibility("default"))) const char* talvoro_vcam_trace_path(void) {
+    vcam::World* world = vcam::World::get();
+    return world ? world->scenario().trace.c_str() : "";
+}
+
 // Removes every fault of that name from the camera. 0, or -1 when there is no such camera.
 __attribute__((visibility("default"))) int talvoro_vcam_clear_fault(const char* serial,
                                                                     const char* name) {

@@ -4,10 +4,15 @@
 #include <linux/input.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 #include "Camera.h"
+#include "Firmware.h"
+#include "ImuStream.h"
+#include "WireTrace.h"
 
 namespace vcam {
 
@@ -19,9 +24,35 @@ int HidNode::socketType() const {
     return SOCK_SEQPACKET;
 }
 
+int HidNode::checkOpen() const {
+    return camera_->firmware->unplugged() ? -ENODEV : 0;
+}
+
 std::shared_ptr<OpenFile> HidNode::makeOpenFile(int clientFd, int peerFd, int flags) {
-    return std::make_shared<HidOpenFile>(std::static_pointer_cast<HidNode>(shared_from_this()),
-                                         clientFd, peerFd, flags);
+    auto file = std::make_shared<HidOpenFile>(std::static_pointer_cast<HidNode>(shared_from_this()),
+                                              clientFd, peerFd, flags);
+    {
+        std::lock_guard<std::mutex> lock(filesMutex_);
+        files_.erase(
+            std::remove_if(files_.begin(), files_.end(), [](const auto& f) { return f.expired(); }),
+            files_.end());
+        files_.push_back(file);
+    }
+    if (kind_ == Kind::Imu) camera_->firmware->imu().resume();
+    return file;
+}
+
+void HidNode::send(const HidReport& report) {
+    std::vector<std::shared_ptr<HidOpenFile>> open;
+    {
+        std::lock_guard<std::mutex> lock(filesMutex_);
+        for (const auto& weak : files_)
+            if (auto f = weak.lock()) open.push_back(std::move(f));
+    }
+    if (open.empty()) return;
+    for (const auto& f : open)
+        f->deliver(report);
+    traceLine(nodeName(devPath()) + " < " + hexBytes(report.data(), report.size()));
 }
 
 HidOpenFile::HidOpenFile(std::shared_ptr<HidNode> node, int clientFd, int peerFd, int flags)
@@ -31,7 +62,21 @@ HidNode& HidOpenFile::hid() const {
     return static_cast<HidNode&>(*node());
 }
 
+int HidOpenFile::failure() {
+    if (hid().camera()->firmware->unplugged()) return ENODEV;
+    if (hid().camera()->findFault("eintr") && !interrupted_.exchange(true)) return EINTR;
+    interrupted_ = false;
+    return 0;
+}
+
+bool HidOpenFile::deliver(const HidReport& report) {
+    return ::send(peerFd(), report.data(), report.size(), MSG_DONTWAIT | MSG_NOSIGNAL) ==
+           static_cast<ssize_t>(report.size());
+}
+
 int HidOpenFile::ioctl(unsigned long request, void* arg) {
+    if (const int err = failure()) return -err;
+    if (!arg) return request == HIDIOCGRDESCSIZE || request == HIDIOCGRAWINFO ? -EFAULT : -ENOTTY;
     switch (request) {
         case HIDIOCGRDESCSIZE:
             *static_cast<int*>(arg) = hid().kind() == HidNode::Kind::Command
@@ -50,6 +95,41 @@ int HidOpenFile::ioctl(unsigned long request, void* arg) {
         default:
             return -ENOTTY;
     }
+}
+
+ssize_t HidOpenFile::read(int fd, void* buf, std::size_t count) {
+    if (const int err = failure()) {
+        errno = err;
+        return -1;
+    }
+    return OpenFile::read(fd, buf, count);
+}
+
+ssize_t HidOpenFile::write(int, const void* buf, std::size_t count) {
+    if (const int err = failure()) {
+        errno = err;
+        return -1;
+    }
+    HidReport request{};
+    if (count == 0 || count > request.size()) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (!buf) {
+        errno = EFAULT;
+        return -1;
+    }
+    std::memcpy(request.data(), buf, count);
+    const std::string node = nodeName(hid().devPath());
+    traceLine(node + " > " + hexBytes(request.data(), count));
+    // The IMU interface takes no commands.
+    if (hid().kind() != HidNode::Kind::Command) return static_cast<ssize_t>(count);
+    HidReport answer;
+    if (hid().camera()->firmware->hid().handle(request, &answer)) {
+        deliver(answer);
+        traceLine(node + " < " + hexBytes(answer.data(), answer.size()));
+    }
+    return static_cast<ssize_t>(count);
 }
 
 }  // namespace vcam

@@ -1,0 +1,26 @@
+#include "CalibrationSource.h"
+
+#include "CameraModel.h"
+
+namespace vcam {
+
+CalibrationSource modelCalibration(const FirmwareSpec& spec) {
+    const FirmwareSpec copy = spec;
+    return [copy](int blobType) {
+        CalibrationBlob blob;
+        if (blobType < 0 || blobType > 2) return blob;
+        const BlobKind kind = copy.calib[blobType];
+        if (kind == BlobKind::Missing) return blob;
+        blob.present = true;
+        blob.flag = kind == BlobKind::Vga ? 0 : kind == BlobKind::Hd ? 1 : 2;
+        if (kind == BlobKind::Empty) return blob;
+        blob.bytes = model::calibrationYaml(blobType, blob.flag);
+        if (kind == BlobKind::NoHeader) {
+            // An older storage format: the same keys under a different first line.
+            blob.bytes = "# Talvoro calibration\n" + blob.bytes.substr(blob.bytes.find('\n') + 1);
+        }
+        return blob;
+    };
+}
+
+}  // namespace vcam
