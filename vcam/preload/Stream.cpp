@@ -249,13 +249,13 @@ bool Stream::unplugged() const {
 }
 
 void Stream::unplug() {
-    if (camera_.state.unplugged.exchange(true)) return;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        updateReadiness();
-        cond_.notifyAll();
-    }
+    if (unplugging_.exchange(true)) return;
+    // Out of sysfs and /dev first: whoever sees the stream fail finds no device either.
     removeFromTestbed(camera_.spec());
+    camera_.state.unplugged = true;
+    std::lock_guard<std::mutex> lock(mutex_);
+    updateReadiness();
+    cond_.notifyAll();
 }
 
 FrameCounters Stream::counters() const {

@@ -122,6 +122,7 @@ class Stream {
     pthread_t engine_{};
     uint32_t sequence_ = 0;
     std::atomic<uint64_t> produced_{0}, dequeued_{0}, dropped_{0}, elapsed_{0};
+    std::atomic<bool> unplugging_{false};
     Stream* nextForFork_ = nullptr;
 };
 
