@@ -52,12 +52,13 @@ inline void unpackTofLine(const uint8_t* line, uint16_t* out) {
 struct Multiplexed {
     Image16 depth, ir;
     std::vector<const uint8_t*> colourLines;
-    int depthLines = 0;  // may exceed 480 in a malformed frame
+    int depthLines = 0;  // 481 when the frame has a surplus depth line
     int irLines = 0;
     bool complete = false;  // the lines fill the frame exactly
 };
 
-// Walks the lines by the tag bit of their first byte; ToF lines alternate depth, IR.
+// Walks the lines by the tag bit of their first byte; ToF lines alternate depth, IR. Stops at
+// a surplus (481st) ToF line, as a reader must: what follows it need not parse.
 inline Multiplexed decodeMultiplexed(const std::vector<uint8_t>& f, std::size_t colourLineBytes) {
     Multiplexed m;
     std::size_t pos = 0;
@@ -68,7 +69,11 @@ inline Multiplexed decodeMultiplexed(const std::vector<uint8_t>& f, std::size_t 
         if (tof) {
             const bool depth = m.depthLines == m.irLines;
             int& row = depth ? m.depthLines : m.irLines;
-            if (row < 480) unpackTofLine(&f[pos], &(depth ? m.depth : m.ir).px[row * 640]);
+            if (row == 480) {
+                ++row;
+                return m;
+            }
+            unpackTofLine(&f[pos], &(depth ? m.depth : m.ir).px[row * 640]);
             ++row;
         } else {
             m.colourLines.push_back(&f[pos]);
