@@ -50,9 +50,7 @@ int removeEntry(const char* path, const struct stat*, int, FTW*) {
     return 0;
 }
 
-}  // namespace
-
-void removeFromTestbed(const CameraSpec& camera) {
+void removeDevice(const CameraSpec& camera) {
     const std::string root = testbedRoot();
     if (root.empty()) return;
     const std::string device = canonical(root + "/sys/bus/usb/devices/" + camera.usbPort);
@@ -68,6 +66,16 @@ void removeFromTestbed(const CameraSpec& camera) {
     for (const auto& node : nodes) {
         unlink((root + "/dev/" + node).c_str());
         unlink((root + "/dev/.node/" + node).c_str());
+    }
+}
+
+}  // namespace
+
+void removeFromTestbed(const CameraSpec& camera) {
+    try {
+        removeDevice(camera);
+    } catch (...) {
+        // Best effort: the nodes refuse to open all the same.
     }
 }
 

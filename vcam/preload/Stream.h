@@ -84,6 +84,7 @@ class Stream {
     // StreamEngine.cpp: the pacing thread and what it does per frame time.
     static void* engineMain(void* self);
     void run();
+    void pace();
     void tick(std::unique_lock<std::mutex>& lock, uint64_t deadlineNs);
     void fillSlot(uint32_t index, const FrameRequest& request, uint64_t deadlineNs);
     FrameRequest currentRequest(uint64_t index) const;

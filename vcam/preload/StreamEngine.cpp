@@ -57,6 +57,14 @@ FrameRequest Stream::currentRequest(uint64_t index) const {
 }
 
 void Stream::run() {
+    try {
+        pace();
+    } catch (...) {
+        // Out of memory for a frame: the camera goes quiet, as if stalled, until stopped.
+    }
+}
+
+void Stream::pace() {
     FrameRequest first;
     {
         std::lock_guard<std::mutex> lock(mutex_);

@@ -97,7 +97,13 @@ int VideoNode::socketType() const {
 
 std::shared_ptr<OpenFile> VideoNode::makeOpenFile(int clientFd, int peerFd, int flags) {
     // A real camera keeps its format while plugged; another process may have changed it.
-    if (stream_) stream_->reloadFormat();
+    if (stream_) {
+        try {
+            stream_->reloadFormat();
+        } catch (...) {
+            // Keep the format this process knows.
+        }
+    }
     return std::make_shared<VideoOpenFile>(std::static_pointer_cast<VideoNode>(shared_from_this()),
                                            clientFd, peerFd, flags);
 }
@@ -191,7 +197,16 @@ void* VideoOpenFile::mmap(void* addr, std::size_t length, int prot, int flags, o
     return s->map(addr, length, prot, flags, offset, err);
 }
 
+// Nothing may escape into the application, which called a C function.
 int VideoOpenFile::ioctl(unsigned long request, void* arg) {
+    try {
+        return dispatch(request, arg);
+    } catch (...) {
+        return -ENOMEM;
+    }
+}
+
+int VideoOpenFile::dispatch(unsigned long request, void* arg) {
     const VideoNode::Kind kind = video().kind();
     if (kind == VideoNode::Kind::Platform || kind == VideoNode::Kind::OtherUsb) {
         if (request != VIDIOC_QUERYCAP) return -ENOTTY;

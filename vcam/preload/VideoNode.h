@@ -65,6 +65,7 @@ class VideoOpenFile : public OpenFile {
     VideoNode& video() const;
     // The camera's capture queue, reached from either of its nodes.
     Stream* cameraStream() const;
+    int dispatch(unsigned long request, void* arg);
     int captureIoctl(unsigned long request, void* arg);
     int metadataIoctl(unsigned long request, void* arg);
 
