@@ -62,6 +62,19 @@ void expectToFContent(const Image16& depth, const Image16* ir, double unit) {
     }
 }
 
+// The line structure every multiplexed frame shares, and its ToF content.
+Multiplexed expectMultiplexed(const Grabbed& g, std::size_t bytes, std::size_t colourLineBytes,
+                              std::size_t colourLines) {
+    EXPECT_EQ(g.bytes.size(), bytes);
+    const Multiplexed m = decodeMultiplexed(g.bytes, colourLineBytes);
+    EXPECT_TRUE(m.complete);
+    EXPECT_EQ(m.depthLines, 480);
+    EXPECT_EQ(m.irLines, 480);
+    EXPECT_EQ(m.colourLines.size(), colourLines);
+    expectToFContent(m.depth, &m.ir, 1);
+    return m;
+}
+
 using Frames = VcamTest;
 
 TEST_F(Frames, Mode0SendsRowPairsOfDepthAndIr) {
@@ -86,30 +99,20 @@ TEST_F(Frames, Modes2And3SendDepthOnlyAndIrOnly) {
 
 TEST_F(Frames, Mode4MultiplexesTaggedToFLinesWithVgaColourLines) {
     const Grabbed g = frameIn(V4L2_PIX_FMT_Y16, 1280, 600, 0, 0);
-    ASSERT_EQ(g.bytes.size(), 1536000u);
-    const Multiplexed m = decodeMultiplexed(g.bytes, 1280);
-    ASSERT_TRUE(m.complete);
-    EXPECT_EQ(m.depthLines, 480);
-    EXPECT_EQ(m.irLines, 480);
-    ASSERT_EQ(m.colourLines.size(), 480u);
+    const Multiplexed m = expectMultiplexed(g, 1536000, 1280, 480);
+    ASSERT_TRUE(m.complete && m.colourLines.size() == 480);
     for (int r = 0; r < 480; ++r) {
         // The tag stays in the data: bit 4 of each line's first pixel.
         ASSERT_TRUE(m.depth.at(r, 0) & 0x10) << r;
         ASSERT_TRUE(m.ir.at(r, 0) & 0x10) << r;
     }
-    expectToFContent(m.depth, &m.ir, 1);
     expectColourAt(m.colourLines, 640, 480, kBoxFront, reddish);
 }
 
 TEST_F(Frames, Mode5MultiplexesHdColourLinesWithAnExtraWord) {
     const Grabbed g = frameIn(V4L2_PIX_FMT_Y16, 1443, 960, 0, 0);
-    ASSERT_EQ(g.bytes.size(), 2770560u);
-    const Multiplexed m = decodeMultiplexed(g.bytes, 2568);
-    ASSERT_TRUE(m.complete);
-    EXPECT_EQ(m.depthLines, 480);
-    EXPECT_EQ(m.irLines, 480);
-    ASSERT_EQ(m.colourLines.size(), 720u);
-    expectToFContent(m.depth, &m.ir, 1);
+    const Multiplexed m = expectMultiplexed(g, 2770560, 2568, 720);
+    ASSERT_TRUE(m.complete && m.colourLines.size() == 720);
 
     // Dropping word 319 (bytes 2552-2559) of each line leaves the 1280x720 picture.
     std::vector<uint8_t> picture(1280 * 720 * 2);

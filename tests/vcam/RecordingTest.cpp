@@ -8,43 +8,17 @@
 
 #include <gtest/gtest.h>
 
-#include "Recording.h"
+#include "RecordingSamples.h"
 #include "common/TempDir.h"
 
 using vcam::rec::FrameInfo;
 using vcam::rec::RecordingReader;
 using vcam::rec::RecordingWriter;
+using vcamtest::frameInfo;
+using vcamtest::pattern;
+using vcamtest::recordedFrame;
 
 namespace {
-
-std::vector<uint8_t> pattern(std::size_t n, uint8_t seed) {
-    std::vector<uint8_t> v(n);
-    for (std::size_t i = 0; i < n; ++i)
-        v[i] = static_cast<uint8_t>(seed + i * 7);
-    return v;
-}
-
-FrameInfo info(uint32_t fourcc, uint16_t w, uint16_t h, uint16_t first, uint8_t second,
-               uint8_t range, uint64_t sequence) {
-    FrameInfo f;
-    f.pixelFormat = fourcc;
-    f.width = w;
-    f.height = h;
-    f.frameModeFirst = first;
-    f.frameModeSecond = second;
-    f.depthRange = range;
-    f.sequence = sequence;
-    f.timestampNs = 1000000000ull * sequence + 123;
-    return f;
-}
-
-std::vector<uint8_t> readBack(const RecordingReader& r, std::size_t index) {
-    std::vector<uint8_t> data(r.frames()[index].size);
-    std::size_t n = 0;
-    EXPECT_TRUE(r.readFrame(index, data.data(), data.size(), &n));
-    data.resize(n);
-    return data;
-}
 
 TEST(Recording, RoundTripsMetadataCalibrationAndFrames) {
     talvoro_test::TempDir dir;
@@ -57,8 +31,10 @@ TEST(Recording, RoundTripsMetadataCalibrationAndFrames) {
     ASSERT_TRUE(w.writeCalibration({0, 0, "%YAML:1.0\nold colour\n"}));
     ASSERT_TRUE(w.writeCalibration({0, 1, "%YAML:1.0\ncolour\n"}));  // replaces the first
     const auto a = pattern(1536000, 1), b = pattern(614400, 2);
-    ASSERT_TRUE(w.writeFrame(info(V4L2_PIX_FMT_Y16, 1280, 600, 0, 0, 1, 7), a.data(), a.size()));
-    ASSERT_TRUE(w.writeFrame(info(V4L2_PIX_FMT_UYVY, 640, 480, 2, 0, 0, 8), b.data(), b.size()));
+    ASSERT_TRUE(
+        w.writeFrame(frameInfo(V4L2_PIX_FMT_Y16, 1280, 600, 0, 0, 1, 7), a.data(), a.size()));
+    ASSERT_TRUE(
+        w.writeFrame(frameInfo(V4L2_PIX_FMT_UYVY, 640, 480, 2, 0, 0, 8), b.data(), b.size()));
     ASSERT_TRUE(w.close(&error)) << error;
 
     RecordingReader r;
@@ -81,8 +57,8 @@ TEST(Recording, RoundTripsMetadataCalibrationAndFrames) {
     EXPECT_EQ(f.sequence, 7u);
     EXPECT_EQ(f.timestampNs, 7000000123u);
     EXPECT_EQ(r.frames()[1].info.frameModeFirst, 2);
-    EXPECT_EQ(readBack(r, 0), a);
-    EXPECT_EQ(readBack(r, 1), b);
+    EXPECT_EQ(recordedFrame(r, 0), a);
+    EXPECT_EQ(recordedFrame(r, 1), b);
     std::vector<uint8_t> small(100);
     std::size_t n = 0;
     ASSERT_TRUE(r.readFrame(1, small.data(), small.size(), &n));  // bounded by the caller
@@ -147,7 +123,7 @@ TEST(Recording, ReadsAFileWrittenFromTheDocumentation) {
     EXPECT_EQ(r.frames()[0].info.frameModeFirst, 1);
     EXPECT_EQ(r.frames()[0].info.sequence, 42u);
     EXPECT_EQ(r.frames()[0].info.timestampNs, 5u);
-    const auto data = readBack(r, 0);
+    const auto data = recordedFrame(r, 0);
     EXPECT_EQ(std::string(data.begin(), data.end()), "RAW!");
 }
 

@@ -6,33 +6,15 @@
 #include <cstdlib>
 
 #include "RawDecode.h"
-#include "Recording.h"
+#include "RecordingSamples.h"
 #include "VideoDevice.h"
 #include "common/TempDir.h"
 
 using namespace vcamtest;
-using vcam::rec::FrameInfo;
 
 namespace {
 
 constexpr const char* kRecordingEnv = "TALVORO_TEST_RECORDING";
-
-std::vector<uint8_t> pattern(std::size_t n, uint8_t seed) {
-    std::vector<uint8_t> v(n);
-    for (std::size_t i = 0; i < n; ++i)
-        v[i] = static_cast<uint8_t>(seed * 31 + i);
-    return v;
-}
-
-FrameInfo frameInfo(uint32_t fourcc, uint16_t w, uint16_t h, uint16_t first, uint8_t second) {
-    FrameInfo f;
-    f.pixelFormat = fourcc;
-    f.width = w;
-    f.height = h;
-    f.frameModeFirst = first;
-    f.frameModeSecond = second;
-    return f;
-}
 
 std::string selfPath() {
     char buf[PATH_MAX];
@@ -83,13 +65,6 @@ TEST(Replay, TheLauncherRefusesARecordingItCannotRead) {
     }
 }
 
-std::vector<uint8_t> recorded(const vcam::rec::RecordingReader& r, std::size_t index) {
-    std::vector<uint8_t> data(r.frames()[index].size);
-    std::size_t n = 0;
-    EXPECT_TRUE(r.readFrame(index, data.data(), data.size(), &n));
-    return data;
-}
-
 // Run by Replay.ACameraPlaysItsRecording only.
 TEST(DISABLED_ReplayUnderLauncher, PlaysRecordedFramesForMatchingStreams) {
     ASSERT_TRUE(talvoro_vcam::present());
@@ -104,20 +79,20 @@ TEST(DISABLED_ReplayUnderLauncher, PlaysRecordedFramesForMatchingStreams) {
     dev.start(3);
     // The three multiplexed frames in turn, then from the start again.
     for (std::size_t i : {0, 1, 2, 0})
-        EXPECT_EQ(dev.grab(), recorded(rec, i)) << i;
+        EXPECT_EQ(dev.grab(), recordedFrame(rec, i)) << i;
     dev.stop();
 
     // Colour format: the recorded colour frame, whatever the frame mode.
     ASSERT_EQ(dev.setFormat(V4L2_PIX_FMT_UYVY, 640, 480), 0);
     dev.start(2);
-    EXPECT_EQ(dev.grab(), recorded(rec, 3));
+    EXPECT_EQ(dev.grab(), recordedFrame(rec, 3));
     dev.stop();
 
     // A recorded short frame stays short.
     ASSERT_TRUE(talvoro_vcam::setFrameMode("REPLAY", 1, 2));
     ASSERT_EQ(dev.setFormat(V4L2_PIX_FMT_Y16, 640, 480), 0);
     dev.start(2);
-    EXPECT_EQ(dev.grab(), recorded(rec, 4));
+    EXPECT_EQ(dev.grab(), recordedFrame(rec, 4));
     dev.stop();
 
     // Nothing recorded for depth and IR: the synthetic scene stands in.

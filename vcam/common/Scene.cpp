@@ -76,12 +76,16 @@ void traceBall(const Vec3& o, const Vec3& d, Candidate* c) {
              Material::Ball);
 }
 
+// Which colour of a checkerboard of `size` mm squares the point (a, b) lies on.
+bool oddSquare(double a, double b, double size) {
+    return (static_cast<long>(std::floor(a / size) + std::floor(b / size)) & 1) != 0;
+}
+
 // Near-infrared reflectivity, with a faint print of the wall's pattern.
 double irAlbedo(Material m, const Vec3& p) {
     switch (m) {
         case Material::Wall:
-            return (static_cast<long>(std::floor(p.x / 300) + std::floor(p.y / 300)) & 1) ? 0.66
-                                                                                          : 0.72;
+            return oddSquare(p.x, p.y, 300) ? 0.66 : 0.72;
         case Material::FarWall:
             return 0.6;
         case Material::Floor:
@@ -104,7 +108,7 @@ void colourAlbedo(Material m, const Vec3& p, double rgb[3]) {
     };
     switch (m) {
         case Material::Wall:
-            if ((static_cast<long>(std::floor(p.x / 300) + std::floor(p.y / 300)) & 1) != 0)
+            if (oddSquare(p.x, p.y, 300))
                 set(170, 185, 200);
             else
                 set(225, 215, 195);
@@ -113,7 +117,7 @@ void colourAlbedo(Material m, const Vec3& p, double rgb[3]) {
             set(120, 160, 110);
             break;
         case Material::Floor:
-            if ((static_cast<long>(std::floor(p.x / 500) + std::floor(p.z / 500)) & 1) != 0)
+            if (oddSquare(p.x, p.z, 500))
                 set(95, 85, 80);
             else
                 set(120, 110, 100);

@@ -35,6 +35,15 @@ void clear(T* record) {
     std::memset(record, 0, sizeof *record);
 }
 
+void describeFormat(v4l2_fmtdesc* d, uint32_t type, uint32_t fourcc, const char* description) {
+    const uint32_t index = d->index;
+    clear(d);
+    d->index = index;
+    d->type = type;
+    copyString(d->description, sizeof d->description, description);
+    d->pixelformat = fourcc;
+}
+
 int enumFrameSizes(v4l2_frmsizeenum* e) {
     const formats::Format* f = formats::find(e->pixel_format);
     if (!f || e->index >= static_cast<uint32_t>(f->sizeCount)) return -EINVAL;
@@ -239,12 +248,7 @@ int VideoOpenFile::captureIoctl(unsigned long request, void* arg) {
             if (d->type != V4L2_BUF_TYPE_VIDEO_CAPTURE || d->index >= uint32_t(formats::count()))
                 return -EINVAL;
             const formats::Format& f = formats::at(static_cast<int>(d->index));
-            const uint32_t index = d->index;
-            clear(d);
-            d->index = index;
-            d->type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-            copyString(d->description, sizeof d->description, f.description);
-            d->pixelformat = f.fourcc;
+            describeFormat(d, V4L2_BUF_TYPE_VIDEO_CAPTURE, f.fourcc, f.description);
             return 0;
         }
         case VIDIOC_G_FMT:
@@ -295,10 +299,8 @@ int VideoOpenFile::metadataIoctl(unsigned long request, void* arg) {
         case VIDIOC_ENUM_FMT: {
             auto* d = static_cast<v4l2_fmtdesc*>(arg);
             if (d->type != V4L2_BUF_TYPE_META_CAPTURE || d->index != 0) return -EINVAL;
-            clear(d);
-            d->type = V4L2_BUF_TYPE_META_CAPTURE;
-            copyString(d->description, sizeof d->description, "UVC Payload Header Metadata");
-            d->pixelformat = V4L2_META_FMT_UVC;
+            describeFormat(d, V4L2_BUF_TYPE_META_CAPTURE, V4L2_META_FMT_UVC,
+                           "UVC Payload Header Metadata");
             return 0;
         }
         case VIDIOC_G_FMT:
