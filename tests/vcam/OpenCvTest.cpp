@@ -31,22 +31,4 @@ TEST_F(OpenCv, VideoCaptureReadsTheColourPicture) {
     }
 }
 
-TEST_F(OpenCv, VideoCaptureReadsRawDepthAndIrRows) {
-    ASSERT_TRUE(talvoro_vcam::setFrameMode(kCamera, 1, 0));
-    cv::VideoCapture cap(kNode, cv::CAP_V4L2);
-    ASSERT_TRUE(cap.isOpened());
-    ASSERT_TRUE(cap.set(cv::CAP_PROP_FOURCC, cv::VideoWriter::fourcc('Y', '1', '6', ' ')));
-    cap.set(cv::CAP_PROP_FRAME_WIDTH, 640);
-    cap.set(cv::CAP_PROP_FRAME_HEIGHT, 960);
-    cap.set(cv::CAP_PROP_CONVERT_RGB, 0);
-    cv::Mat frame;
-    ASSERT_TRUE(cap.read(frame));
-    ASSERT_EQ(frame.type(), CV_16UC1);
-    ASSERT_EQ(frame.total(), 640u * 960u);
-    // Row pairs: the depth row of the wall pixel is the first half of image row 2 * row.
-    const cv::Mat pairs = frame.reshape(1, 480);
-    EXPECT_NEAR(pairs.at<uint16_t>(kWallRow, kWallCol), radialToPlaneZ(kWallCol, kWallRow, 2400),
-                30);
-}
-
 }  // namespace
