@@ -524,10 +524,20 @@ TEST_F(Unplugged, CommandsFailOnceTheCameraIsGone) {
     EXPECT_EQ(errno, ENODEV);
     IMUDATAOUTPUT_TypeDef sample{};
     EXPECT_EQ(hid.getIMUValue(&sample), HidReadFail);
-    // The nodes are still listed by udev, but cannot be opened any more.
+    // The camera has left the udev tree: nothing pairs with its serial any more.
     HID again;
     EXPECT_EQ(openOn(again, "HID-GONE"), CameraNotOpened);
+}
+
+using OpenRefused = VirtualCamera;
+
+TEST_F(OpenRefused, NodesThatCannotBeOpenedAreLoggedAndSkipped) {
+    ASSERT_TRUE(talvoro_vcam::injectFault("HID-PERM", "hid-open-fail"));
+    HID hid;
+    EXPECT_EQ(openOn(hid, "HID-PERM"), CameraNotOpened);
     EXPECT_NE(logText().find("  : \nTalvoroSDK:hid open:\n"), std::string::npos);
+    ASSERT_TRUE(talvoro_vcam::clearFault("HID-PERM", "hid-open-fail"));
+    EXPECT_EQ(openOn(hid, "HID-PERM"), Ok);
 }
 
 using Interrupted = VirtualCamera;

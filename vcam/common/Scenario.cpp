@@ -130,15 +130,16 @@ bool splitOptions(const std::string& options, std::vector<std::pair<std::string,
 
 const std::vector<std::string>& knownFaults() {
     static const std::vector<std::string> names = {
-        "unplug",       // the camera disappears at a frame
-        "stall",        // no frames
-        "short",        // frames with bytesused below the buffer length
-        "malformed",    // multiplexed frames with a 481st depth line
-        "reqbufs",      // REQBUFS grants ARG buffers, whatever was asked
-        "eintr",        // ioctls fail once with EINTR before they succeed
-        "hid-silence",  // the HID command interface does not answer
-        "hid-nak",      // HID answers carry a negative acknowledgement
-        "xu-fail",      // extension-unit queries fail
+        "unplug",         // the camera disappears at a frame
+        "stall",          // no frames
+        "short",          // frames with bytesused below the buffer length
+        "malformed",      // multiplexed frames with a 481st depth line
+        "reqbufs",        // REQBUFS grants ARG buffers, whatever was asked
+        "eintr",          // ioctls fail once with EINTR before they succeed
+        "hid-silence",    // the HID command interface does not answer
+        "hid-nak",        // HID answers carry a negative acknowledgement
+        "xu-fail",        // extension-unit queries fail
+        "hid-open-fail",  // the hidraw nodes refuse to open (EACCES)
     };
     return names;
 }

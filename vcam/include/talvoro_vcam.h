@@ -46,6 +46,36 @@ inline const char* tracePath() {
     return fn ? fn() : "";
 }
 
+/* Sets the camera's frame mode as extension-unit command 0x1A would (first 0 multiplexed, 1 ToF
+ * only with second 0 depth and IR / 2 depth / 3 IR, 2 colour only). The stream follows it from
+ * the next frame on. */
+inline bool setFrameMode(const char* serial, unsigned first, unsigned second) {
+    auto fn = lookup<int (*)(const char*, unsigned, unsigned)>("talvoro_vcam_set_frame_mode");
+    return fn && fn(serial, first, second) == 0;
+}
+
+/* Sets the camera's depth range: 0 near (millimetres), 1 far (2 mm units). */
+inline bool setDepthRange(const char* serial, unsigned range) {
+    auto fn = lookup<int (*)(const char*, unsigned)>("talvoro_vcam_set_depth_range");
+    return fn && fn(serial, range) == 0;
+}
+
+struct FrameCounters {
+    unsigned long long produced; /* frames filled into a queued buffer */
+    unsigned long long dequeued; /* frames the program dequeued */
+    unsigned long long dropped;  /* frame times that found no queued buffer */
+    unsigned long long elapsed;  /* frame times while streaming: the camera's frame number */
+};
+
+/* The camera's frame counters in this process (they count across stream restarts). */
+inline bool frameCounters(const char* serial, FrameCounters* counters) {
+    auto fn = lookup<int (*)(const char*, unsigned long long*)>("talvoro_vcam_frame_counters");
+    unsigned long long v[4];
+    if (!fn || fn(serial, v) != 0) return false;
+    *counters = {v[0], v[1], v[2], v[3]};
+    return true;
+}
+
 }  // namespace talvoro_vcam
 
 #endif

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "Recording.h"
 #include "Scenario.h"
 #include "Testbed.h"
 
@@ -83,6 +84,22 @@ std::string otherPreloads() {
         }
     }
     return out;
+}
+
+// Replayed recordings must be readable; their paths become absolute, so that COMMAND finds them
+// from any working directory.
+bool checkRecordings(vcam::Scenario* scenario, std::string* error) {
+    for (auto& camera : scenario->cameras) {
+        if (camera.replay.empty()) continue;
+        vcam::rec::RecordingReader reader;
+        if (!reader.open(camera.replay, error)) return false;
+        char* real = realpath(camera.replay.c_str(), nullptr);
+        if (real) {
+            camera.replay = real;
+            std::free(real);
+        }
+    }
+    return true;
 }
 
 pid_t g_child = -1;
@@ -174,6 +191,7 @@ int main(int argc, char** argv) {
         if (getcwd(cwd, sizeof cwd)) scenario.trace = std::string(cwd) + "/" + scenario.trace;
     }
     if (!scenario.resolve(&error)) return usageError(error);
+    if (!checkRecordings(&scenario, &error)) return usageError(error);
     if (printOnly) {
         std::cout << scenario.serialize();
         return 0;

@@ -1,6 +1,10 @@
 #include "CalibrationSource.h"
 
+#include <memory>
+#include <mutex>
+
 #include "CameraModel.h"
+#include "Recording.h"
 
 namespace vcam {
 
@@ -19,6 +23,28 @@ CalibrationSource modelCalibration(const FirmwareSpec& spec) {
             // An older storage format: the same keys under a different first line.
             blob.bytes = "# Talvoro calibration\n" + blob.bytes.substr(blob.bytes.find('\n') + 1);
         }
+        return blob;
+    };
+}
+
+CalibrationSource recordingCalibration(const std::string& path) {
+    struct Loaded {
+        std::once_flag once;
+        rec::RecordingReader reader;
+        bool ok = false;
+    };
+    auto loaded = std::make_shared<Loaded>();
+    return [loaded, path](int blobType) {
+        std::call_once(loaded->once, [&] {
+            std::string error;
+            loaded->ok = loaded->reader.open(path, &error);
+        });
+        CalibrationBlob blob;
+        const rec::Calibration* c = loaded->ok ? loaded->reader.calibration(blobType) : nullptr;
+        if (!c) return blob;
+        blob.present = true;
+        blob.bytes = c->data;
+        blob.flag = c->validFlag;
         return blob;
     };
 }

@@ -24,6 +24,10 @@ using CalibrationSource = std::function<CalibrationBlob(int blobType)>;
 // The blobs of the optics model, shaped by the scenario's calib_* keys.
 CalibrationSource modelCalibration(const FirmwareSpec& spec);
 
+// The blobs a recording carries (read on first use); a type the recording lacks is a blob the
+// camera does not hold.
+CalibrationSource recordingCalibration(const std::string& path);
+
 }  // namespace vcam
 
 #endif

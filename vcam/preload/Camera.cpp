@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "CalibrationSource.h"
 #include "Firmware.h"
 #include "HidNode.h"
 #include "VideoNode.h"
@@ -15,6 +16,8 @@ Camera::Camera(const CameraSpec& spec) : spec_(spec) {
         if (parseFault(text, &fault, &error)) faults_.push_back(fault);
     }
     firmware = std::make_shared<Firmware>(*this);
+    // A replaying camera serves the calibration that came with its recording.
+    if (!spec_.replay.empty()) firmware->setCalibrationSource(recordingCalibration(spec_.replay));
 }
 
 void Camera::addFault(const FaultSpec& fault) {

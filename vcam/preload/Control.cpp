@@ -1,6 +1,8 @@
 // Entry points for tests and tools that run under the launcher (see talvoro_vcam.h). They are
 // looked up with dlsym, so nothing links against the preload.
 #include "Camera.h"
+#include "Stream.h"
+#include "VideoNode.h"
 #include "World.h"
 
 extern "C" {
@@ -21,6 +23,8 @@ __attribute__((visibility("default"))) int talvoro_vcam_inject_fault(const char*
     std::string error;
     if (!camera || !vcam::parseFault(spec, &fault, &error)) return -1;
     camera->addFault(fault);
+    // A fault whose frame has passed (an unplug now) takes effect at once.
+    if (camera->capture && camera->capture->stream()) camera->capture->stream()->faultAdded(fault);
     return 0;
 }
 

@@ -25,7 +25,9 @@ int HidNode::socketType() const {
 }
 
 int HidNode::checkOpen() const {
-    return camera_->firmware->unplugged() ? -ENODEV : 0;
+    if (camera_->firmware->unplugged()) return -ENODEV;
+    // As when the node's permissions keep the application out.
+    return camera_->findFault("hid-open-fail") ? -EACCES : 0;
 }
 
 std::shared_ptr<OpenFile> HidNode::makeOpenFile(int clientFd, int peerFd, int flags) {

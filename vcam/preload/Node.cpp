@@ -12,6 +12,7 @@
 namespace vcam {
 
 int Node::open(int flags, std::shared_ptr<OpenFile>* file) {
+    if (gone_ && gone_->load()) return -ENOENT;
     if (const int err = checkOpen()) return err;
     int sv[2];
     if (::socketpair(AF_UNIX, socketType() | SOCK_CLOEXEC, 0, sv) != 0) return -errno;

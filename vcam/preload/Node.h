@@ -10,6 +10,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -27,6 +28,8 @@ class Node : public std::enable_shared_from_this<Node> {
 
     // Returns the application's descriptor, or -errno. `flags` are open(2)'s.
     int open(int flags, std::shared_ptr<OpenFile>* file);
+    // Once *gone is set (the device was unplugged) every open fails with ENOENT.
+    void setGoneFlag(const std::atomic<bool>* gone) { gone_ = gone; }
 
   protected:
     // Socket type of the pair (SOCK_STREAM for video readiness bytes, SOCK_SEQPACKET for
@@ -39,6 +42,7 @@ class Node : public std::enable_shared_from_this<Node> {
 
   private:
     std::string devPath_;
+    const std::atomic<bool>* gone_ = nullptr;
 };
 
 class OpenFile {

@@ -6,6 +6,7 @@
 
 #include "Camera.h"
 #include "HidNode.h"
+#include "Hotplug.h"
 #include "VideoNode.h"
 
 namespace vcam {
@@ -27,6 +28,8 @@ World* World::get() {
 World::World(Scenario scenario) : scenario_(std::move(scenario)) {
     for (const auto& spec : scenario_.cameras) {
         auto cam = std::make_shared<Camera>(spec);
+        // An earlier process of this run may have unplugged it.
+        if (!presentInTestbed(spec)) cam->state.unplugged = true;
         const std::string video = "/dev/video";
         cam->capture = std::make_shared<VideoNode>(video + std::to_string(spec.video),
                                                    VideoNode::Kind::Capture, cam);
@@ -37,8 +40,10 @@ World::World(Scenario scenario) : scenario_(std::move(scenario)) {
         cam->hidImu = std::make_shared<HidNode>("/dev/hidraw" + std::to_string(spec.hidrawImu),
                                                 HidNode::Kind::Imu, cam);
         for (const std::shared_ptr<Node>& n : std::initializer_list<std::shared_ptr<Node>>{
-                 cam->capture, cam->metadata, cam->hidCommand, cam->hidImu})
+                 cam->capture, cam->metadata, cam->hidCommand, cam->hidImu}) {
+            n->setGoneFlag(&cam->state.unplugged);
             nodes_[n->devPath()] = n;
+        }
         cameras_.push_back(cam);
     }
     for (const auto& spec : scenario_.nodes) {
