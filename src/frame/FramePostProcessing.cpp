@@ -1,0 +1,119 @@
+// TalvoroFrame: the flying-pixel filter and post_processing (spatial filter, edge filter,
+// colour map) of the scaled depth.
+#include <cstring>
+
+#include <opencv2/imgproc.hpp>
+
+#include "frame/ColorMap.h"
+#include "frame/FlyingPixelFilter.h"
+#include "frame/TalvoroFrame.h"
+
+namespace Talvoro {
+
+namespace {
+
+struct FlyingPixelJob {
+    const uint16_t* src;
+    ptrdiff_t srcStride;
+    uint16_t* dst;
+    ptrdiff_t dstStride;
+    int width, height;
+    unsigned bands;
+    frame::FlyingPixelLimit limit;
+};
+
+// One horizontal band of the interior per worker. Every pixel's test reads only the source,
+// so bands give exactly the result of the quadrants of the original design.
+void flyingPixelBand(void* context, unsigned index) {
+    const FlyingPixelJob& job = *static_cast<const FlyingPixelJob*>(context);
+    const int interior = job.height - 2;
+    const int begin = 1 + int(int64_t(interior) * index / job.bands);
+    const int end = 1 + int(int64_t(interior) * (index + 1) / job.bands);
+    frame::flyingPixelRows(job.src, job.srcStride, job.dst, job.dstStride, begin, end, 1,
+                           job.width - 1, job.limit);
+}
+
+}  // namespace
+
+void TalvoroFrame::flyingPixelFilter(cv::Mat src, int width, int height, int depthLow,
+                                     int depthHigh, int thresholdLow, int thresholdHigh,
+                                     cv::Mat dst) {
+    if (src.type() != CV_16UC1 || dst.type() != CV_16UC1 || width < 1 || height < 1 ||
+        src.cols < width || src.rows < height || dst.cols < width || dst.rows < height)
+        return;
+    // Each test reads its neighbours from the source: the two must not share pixels.
+    const uintptr_t srcBegin = uintptr_t(src.ptr()), dstBegin = uintptr_t(dst.ptr());
+    const uintptr_t srcEnd = uintptr_t(src.ptr(height - 1)) + size_t(width) * 2;
+    const uintptr_t dstEnd = uintptr_t(dst.ptr(height - 1)) + size_t(width) * 2;
+    if (srcBegin < dstEnd && dstBegin < srcEnd) return;
+
+    // The outer frame stays 0; the workers write the whole interior.
+    for (int r = 0; r < height; ++r) {
+        uint16_t* row = dst.ptr<uint16_t>(r);
+        if (r == 0 || r == height - 1 || width < 3) {
+            std::memset(row, 0, size_t(width) * 2);
+        } else {
+            row[0] = 0;
+            row[width - 1] = 0;
+        }
+    }
+    if (width < 3 || height < 3) return;
+    FlyingPixelJob job{src.ptr<uint16_t>(),
+                       ptrdiff_t(src.step1()),
+                       dst.ptr<uint16_t>(),
+                       ptrdiff_t(dst.step1()),
+                       width,
+                       height,
+                       flyingPixelWorkers.size(),
+                       frame::flyingPixelLimit(depthLow, depthHigh, thresholdLow, thresholdHigh)};
+    flyingPixelWorkers.run(flyingPixelBand, &job);
+}
+
+const uint8_t* TalvoroFrame::_colorTable() const {
+    const uint8_t* table = frame::colorMapTable(colorMapType);
+    return table ? table : frame::colorMapTable(4);
+}
+
+void TalvoroFrame::post_processing(const cv::Mat& src) {
+    const uint8_t filters = filterFlags;
+    const uint8_t* table = _colorTable();
+    if (src.empty() || src.type() != CV_8UC1) {
+        depthcolormap.release();
+        return;
+    }
+    const cv::Mat* input = &src;
+    if (filters & kSpatialFilter) {
+        cv::medianBlur(src, spatialTemp, medianKernel);
+        cv::bilateralFilter(spatialTemp, spatialFiltered, bilateralDiameter, bilateralSigma,
+                            bilateralSigma, cv::BORDER_REFLECT_101);
+        input = &spatialFiltered;
+    }
+    if (filters & kEdgeFilter) {
+        _edgeFilter(*input);
+    } else {
+        frame::applyColorTable(*input, depthcolormap, table);
+    }
+}
+
+void TalvoroFrame::_edgeFilter(const cv::Mat& input) {
+    cv::Sobel(input, sobelX, CV_8U, sobelDx, 0, sobelKernel, 4.0, 0, cv::BORDER_REFLECT_101);
+    cv::Sobel(input, sobelY, CV_8U, 0, sobelDy, sobelKernel, 4.0, 0, cv::BORDER_REFLECT_101);
+    cv::addWeighted(sobelX, sobelWeightX, sobelY, sobelWeightY, 0, edgeMagnitude);
+    if (erodeElement.empty())
+        erodeElement =
+            cv::getStructuringElement(cv::MORPH_RECT, cv::Size(erodeKernel, erodeKernel));
+    cv::erode(edgeMagnitude, edgeMask, erodeElement, cv::Point(-1, -1), 1, cv::BORDER_CONSTANT,
+              cv::Scalar(4));
+    frame::applyColorTable(input, depthcolormap, _colorTable());
+    // Black where there is no depth or on a strong edge.
+    for (int r = 0; r < input.rows; ++r) {
+        const uint8_t* in = input.ptr<uint8_t>(r);
+        const uint8_t* edge = edgeMask.ptr<uint8_t>(r);
+        uint8_t* out = depthcolormap.ptr<uint8_t>(r);
+        for (int c = 0; c < input.cols; ++c) {
+            if (in[c] == 0 || edge[c] == 255) std::memset(out + 3 * c, 0, 3);
+        }
+    }
+}
+
+}  // namespace Talvoro
