@@ -9,6 +9,9 @@ namespace {
 Isa detect() {
 #if TALVORO_X86_64
     __builtin_cpu_init();
+    if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+        __builtin_cpu_supports("avx512vl"))
+        return Isa::Avx512;
     if (__builtin_cpu_supports("avx2")) return Isa::Avx2;
     if (__builtin_cpu_supports("ssse3")) return Isa::Ssse3;
     return Isa::Sse2;  // part of every x86-64 CPU
@@ -17,7 +20,7 @@ Isa detect() {
 #endif
 }
 
-std::atomic<Isa> limit{Isa::Avx2};
+std::atomic<Isa> limit{Isa::Avx512};
 
 }  // namespace
 

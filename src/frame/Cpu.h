@@ -14,9 +14,9 @@
 
 namespace Talvoro::frame {
 
-// Ordered: each level includes the ones before it. Every kernel gives bit-identical results at
-// every level; the scalar code is the reference.
-enum class Isa { Scalar, Sse2, Ssse3, Avx2 };
+// Ordered: each level includes the ones before it (Avx512: F, BW and VL). Every kernel gives
+// bit-identical results at every level; the scalar code is the reference.
+enum class Isa { Scalar, Sse2, Ssse3, Avx2, Avx512 };
 
 // The best level the CPU supports, capped by setIsaLimit.
 Isa isa();

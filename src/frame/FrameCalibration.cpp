@@ -78,6 +78,7 @@ int TalvoroFrame::createThetaMat() {
         rho = last.rho;
         sensorX = last.sensorX;
         sensorY = last.sensorY;
+        thetaMat.convertTo(thetaFloat, CV_32F);
     }
     avgX = 320;
     avgY = 240;

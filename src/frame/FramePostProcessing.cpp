@@ -10,31 +10,6 @@
 
 namespace Talvoro {
 
-namespace {
-
-struct FlyingPixelJob {
-    const uint16_t* src;
-    ptrdiff_t srcStride;
-    uint16_t* dst;
-    ptrdiff_t dstStride;
-    int width, height;
-    unsigned bands;
-    frame::FlyingPixelLimit limit;
-};
-
-// One horizontal band of the interior per worker. Every pixel's test reads only the source,
-// so bands give exactly the result of the quadrants of the original design.
-void flyingPixelBand(void* context, unsigned index) {
-    const FlyingPixelJob& job = *static_cast<const FlyingPixelJob*>(context);
-    const int interior = job.height - 2;
-    const int begin = 1 + int(int64_t(interior) * index / job.bands);
-    const int end = 1 + int(int64_t(interior) * (index + 1) / job.bands);
-    frame::flyingPixelRows(job.src, job.srcStride, job.dst, job.dstStride, begin, end, 1,
-                           job.width - 1, job.limit);
-}
-
-}  // namespace
-
 void TalvoroFrame::flyingPixelFilter(cv::Mat src, int width, int height, int depthLow,
                                      int depthHigh, int thresholdLow, int thresholdHigh,
                                      cv::Mat dst) {
@@ -58,15 +33,17 @@ void TalvoroFrame::flyingPixelFilter(cv::Mat src, int width, int height, int dep
         }
     }
     if (width < 3 || height < 3) return;
-    FlyingPixelJob job{src.ptr<uint16_t>(),
-                       ptrdiff_t(src.step1()),
-                       dst.ptr<uint16_t>(),
-                       ptrdiff_t(dst.step1()),
-                       width,
-                       height,
-                       flyingPixelWorkers.size(),
-                       frame::flyingPixelLimit(depthLow, depthHigh, thresholdLow, thresholdHigh)};
-    flyingPixelWorkers.run(flyingPixelBand, &job);
+    // Every pixel's test reads only the source, so horizontal bands give exactly the result of
+    // the quadrants of the original design.
+    const frame::FlyingPixelLimit limit =
+        frame::flyingPixelLimit(depthLow, depthHigh, thresholdLow, thresholdHigh);
+    const uint16_t* in = src.ptr<uint16_t>();
+    uint16_t* out = dst.ptr<uint16_t>();
+    const ptrdiff_t inStride = ptrdiff_t(src.step1()), outStride = ptrdiff_t(dst.step1());
+    workers.split(size_t(height - 2), [&](size_t begin, size_t end) {
+        frame::flyingPixelRows(in, inStride, out, outStride, 1 + int(begin), 1 + int(end), 1,
+                               width - 1, limit);
+    });
 }
 
 const uint8_t* TalvoroFrame::_colorTable() const {

@@ -237,7 +237,8 @@ void TalvoroFrame::_temporalFilter(const FrameSettings&) {
 }
 
 void TalvoroFrame::_planarize(const FrameSettings&) {
-    frame::planarize(depthFrame.ptr<uint16_t>(), thetaMat.ptr<double>(), kPixels);
+    frame::planarize(depthFrame.ptr<uint16_t>(), thetaMat.ptr<double>(), thetaFloat.ptr<float>(),
+                     kPixels);
 }
 
 void TalvoroFrame::_undistort() {

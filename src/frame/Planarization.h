@@ -26,7 +26,9 @@ ThetaScratch fillThetaTable(cv::Mat& table, double cx, double cy, const LensMode
 
 // depth[i] = depth[i] x cosines[i] in double precision, truncated toward zero and kept to its
 // low 16 bits. A product outside the 32-bit range (or NaN) gives 0, as the x86 conversion does.
-void planarize(uint16_t* depth, const double* cosines, size_t n);
+// nearCosines, when given, holds the cosines rounded to float: the results stay the same, but
+// most pixels need only those.
+void planarize(uint16_t* depth, const double* cosines, const float* nearCosines, size_t n);
 void planarizeScalar(uint16_t* depth, const double* cosines, size_t n);
 
 }  // namespace Talvoro::frame

@@ -101,6 +101,8 @@ bool DepthRegistration::configure(const cv::Mat& depthMatrix, const cv::Mat& col
         std::memset(k_, 0, sizeof k_);
         for (size_t i = 0; i < count && i < 14; ++i)
             k_[i] = distortion(int(i));
+        rational_ = k_[5] != 0 || k_[6] != 0 || k_[7] != 0;
+        prism_ = k_[8] != 0 || k_[9] != 0 || k_[10] != 0 || k_[11] != 0;
         tilted_ = distorted_ && (k_[12] != 0 || k_[13] != 0);
         if (tilted_) tilt_ = tiltMatrix(k_[12], k_[13]);
         fx_ = colourK(0, 0);
@@ -124,9 +126,16 @@ bool DepthRegistration::apply(const cv::Mat& depth, cv::Mat& registered) const {
     const double* m = projection_;
     const float toMetres = 0.001f, toMillimetres = 1.0f / toMetres;
 
+    // The nearest point wins; an empty (0) pixel takes any. Without a branch for non-zero values:
+    // out - 1 wraps 0 to 65535.
     auto place = [&](int x, int y, uint16_t value) {
         uint16_t& out = registered.at<uint16_t>(y, x);
-        if (out == 0 || out > value) out = value;
+        if (value == 0) {
+            out = 0;
+        } else {
+            const uint16_t kept = uint16_t(out - 1), given = uint16_t(value - 1);
+            out = uint16_t((kept < given ? kept : given) + 1);
+        }
     };
 
     for (int j = 0; j < depth.rows; ++j) {
@@ -159,9 +168,20 @@ bool DepthRegistration::apply(const cv::Mat& depth, cv::Mat& registered) const {
                 const double a1 = 2 * x * y, a2 = r2 + 2 * x * x, a3 = r2 + 2 * y * y;
                 const double* k = k_;
                 const double radial = 1 + k[0] * r2 + k[1] * r4 + k[4] * r6;
-                const double inverse = 1. / (1 + k[5] * r2 + k[6] * r4 + k[7] * r6);
-                double xd = x * radial * inverse + k[2] * a1 + k[3] * a2 + k[8] * r2 + k[9] * r4;
-                double yd = y * radial * inverse + k[2] * a3 + k[3] * a1 + k[10] * r2 + k[11] * r4;
+                double xd = x * radial, yd = y * radial;
+                // Terms whose coefficients are all 0 add exactly nothing to a finite point (and a
+                // point that is not finite is dropped either way), so they are skipped.
+                if (rational_) {
+                    const double inverse = 1. / (1 + k[5] * r2 + k[6] * r4 + k[7] * r6);
+                    xd *= inverse;
+                    yd *= inverse;
+                }
+                xd = xd + k[2] * a1 + k[3] * a2;
+                yd = yd + k[2] * a3 + k[3] * a1;
+                if (prism_) {
+                    xd = xd + k[8] * r2 + k[9] * r4;
+                    yd = yd + k[10] * r2 + k[11] * r4;
+                }
                 if (tilted_) {
                     const cv::Vec3d t = tilt_ * cv::Vec3d(xd, yd, 1);
                     const double p = t(2) != 0 ? 1. / t(2) : 1;

@@ -32,7 +32,9 @@ class DepthRegistration {
     bool affine_ = false;         // last row of projection_ is exactly 0 0 0 1
     bool distorted_ = false;
     double k_[14] = {};
-    bool tilted_ = false;
+    bool rational_ = false;  // coefficients 5 to 7 in use
+    bool prism_ = false;     // coefficients 8 to 11 in use
+    bool tilted_ = false;    // coefficients 12 and 13 in use
     cv::Matx33d tilt_;
     double fx_ = 0, fy_ = 0, cx_ = 0, cy_ = 0;
 };

@@ -19,6 +19,10 @@ constexpr size_t kTofLineBytes = 960;                         // 640 pixels of 1
 void unpack12(const uint8_t* src, uint16_t* dst, size_t pixels);
 void unpack12Scalar(const uint8_t* src, uint16_t* dst, size_t pixels);
 
+// unpack12 into raw and, unless gained is null, min(raw * gain, 65535) into gained.
+void unpack12WithGain(const uint8_t* src, uint16_t* raw, uint16_t* gained, size_t pixels,
+                      uint16_t gain);
+
 // gained[i] = min(raw[i] * gain, 65535). gained may equal raw.
 void applyGain(const uint16_t* raw, uint16_t* gained, size_t n, uint16_t gain);
 void applyGainScalar(const uint16_t* raw, uint16_t* gained, size_t n, uint16_t gain);

@@ -15,6 +15,7 @@ using frame::kWidth;
 
 TalvoroFrame::TalvoroFrame() {
     thetaMat = cv::Mat::zeros(kHeight, kWidth, CV_64F);
+    thetaFloat = cv::Mat::zeros(kHeight, kWidth, CV_32F);
     irFrame = cv::Mat::zeros(kHeight, kWidth, CV_16UC1);
     rawIRFrame = cv::Mat::zeros(kHeight, kWidth, CV_16UC1);
     depthFrame = cv::Mat::zeros(kHeight, kWidth, CV_16UC1);

@@ -330,9 +330,13 @@ class TalvoroFrame {
     // valid, and the next frame needs no allocation.
     cv::Mat retiredPrevDepth, retiredColorMap;
 
+    // thetaMat rounded to float: planarization reads it first (see frame::planarize).
+    cv::Mat thetaFloat;
+
     frame::UndistortMap vgaUndistort, hdUndistort;
     frame::DepthRegistration vgaRegistration, hdRegistration;
-    frame::WorkerPool flyingPixelWorkers{4};
+    // Four persistent workers for the flying-pixel filter.
+    frame::WorkerPool workers{4};
 
     mutable std::mutex labelMutex;
     std::string label;

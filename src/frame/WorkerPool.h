@@ -4,6 +4,7 @@
 #define TALVORO_FRAME_WORKER_POOL_H
 
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <thread>
@@ -26,6 +27,22 @@ class WorkerPool {
     // finished. The workers start at the first call. If they cannot be started the tasks run on
     // the calling thread instead: the results are the same.
     void run(Task task, void* context);
+
+    // Runs body(begin, end) over [0, n) cut into size() contiguous pieces, one per worker.
+    template <class Body>
+    void split(size_t n, Body body) {
+        struct Job {
+            Body* body;
+            size_t n;
+            unsigned pieces;
+        } job{&body, n, workers_};
+        run(
+            [](void* context, unsigned i) {
+                const Job& j = *static_cast<Job*>(context);
+                (*j.body)(j.n * i / j.pieces, j.n * (i + 1) / j.pieces);
+            },
+            &job);
+    }
 
   private:
     void start();
