@@ -9,7 +9,7 @@ namespace Talvoro::frame {
 namespace {
 
 struct Tables {
-    uint8_t bgr[kColorMapCount][256 * 3];
+    uint32_t bgr[kColorMapCount][256];
     Tables() {
         cv::Mat ramp(1, 256, CV_8UC1);
         for (int v = 0; v < 256; ++v)
@@ -17,29 +17,34 @@ struct Tables {
         for (int type = 0; type < kColorMapCount; ++type) {
             cv::Mat coloured;
             cv::applyColorMap(ramp, coloured, type);
-            std::memcpy(bgr[type], coloured.ptr(), sizeof bgr[type]);
+            for (int v = 0; v < 256; ++v) {
+                const cv::Vec3b c = coloured.at<cv::Vec3b>(0, v);
+                bgr[type][v] = uint32_t(c[0]) | uint32_t(c[1]) << 8 | uint32_t(c[2]) << 16;
+            }
         }
     }
 };
 
 }  // namespace
 
-const uint8_t* colorMapTable(int type) {
+const uint32_t* colorMapTable(int type) {
     static const Tables tables;
     return type >= 0 && type < kColorMapCount ? tables.bgr[type] : nullptr;
 }
 
-void applyColorTable(const cv::Mat& src, cv::Mat& dst, const uint8_t* table) {
+void applyColorTable(const cv::Mat& src, cv::Mat& dst, const uint32_t* table) {
     dst.create(src.size(), CV_8UC3);
+    if (src.cols == 0) return;
     for (int r = 0; r < src.rows; ++r) {
         const uint8_t* in = src.ptr<uint8_t>(r);
         uint8_t* out = dst.ptr<uint8_t>(r);
-        for (int c = 0; c < src.cols; ++c, out += 3) {
-            const uint8_t* colour = table + 3 * in[c];
-            out[0] = colour[0];
-            out[1] = colour[1];
-            out[2] = colour[2];
-        }
+        // Four bytes per pixel, the fourth overwritten by the next pixel; the row's last pixel
+        // gets exactly three, so nothing is written past the row.
+        const int last = src.cols - 1;
+        for (int c = 0; c < last; ++c)
+            std::memcpy(out + 3 * c, &table[in[c]], 4);
+        const uint32_t colour = table[in[last]];
+        std::memcpy(out + 3 * last, &colour, 3);
     }
 }
 

@@ -5,6 +5,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "frame/ColorMap.h"
+#include "frame/EdgeFilter.h"
 #include "frame/FlyingPixelFilter.h"
 #include "frame/TalvoroFrame.h"
 
@@ -46,14 +47,14 @@ void TalvoroFrame::flyingPixelFilter(cv::Mat src, int width, int height, int dep
     });
 }
 
-const uint8_t* TalvoroFrame::_colorTable() const {
-    const uint8_t* table = frame::colorMapTable(colorMapType);
+const uint32_t* TalvoroFrame::_colorTable() const {
+    const uint32_t* table = frame::colorMapTable(colorMapType);
     return table ? table : frame::colorMapTable(4);
 }
 
 void TalvoroFrame::post_processing(const cv::Mat& src) {
     const uint8_t filters = filterFlags;
-    const uint8_t* table = _colorTable();
+    const uint32_t* table = _colorTable();
     if (src.empty() || src.type() != CV_8UC1) {
         depthcolormap.release();
         return;
@@ -73,15 +74,12 @@ void TalvoroFrame::post_processing(const cv::Mat& src) {
 }
 
 void TalvoroFrame::_edgeFilter(const cv::Mat& input) {
-    cv::Sobel(input, sobelX, CV_8U, sobelDx, 0, sobelKernel, 4.0, 0, cv::BORDER_REFLECT_101);
-    cv::Sobel(input, sobelY, CV_8U, 0, sobelDy, sobelKernel, 4.0, 0, cv::BORDER_REFLECT_101);
-    cv::addWeighted(sobelX, sobelWeightX, sobelY, sobelWeightY, 0, edgeMagnitude);
-    if (erodeElement.empty())
-        erodeElement =
-            cv::getStructuringElement(cv::MORPH_RECT, cv::Size(erodeKernel, erodeKernel));
-    cv::erode(edgeMagnitude, edgeMask, erodeElement, cv::Point(-1, -1), 1, cv::BORDER_CONSTANT,
-              cv::Scalar(4));
+    static_assert(sobelDx == 2 && sobelDy == 2 && sobelKernel == 5 && erodeKernel == 3 &&
+                      sobelWeightX == 1.0 && sobelWeightY == 1.0,
+                  "frame::edgeMask computes exactly these parameters");
     frame::applyColorTable(input, depthcolormap, _colorTable());
+    if (input.rows < 3 || input.cols < 3) return;  // too small for the kernels: no edges
+    frame::edgeMask(input, {sobelX, sobelY, edgeMagnitude, edgeMask, rowDerivative, rowSmooth});
     // Black where there is no depth or on a strong edge.
     for (int r = 0; r < input.rows; ++r) {
         const uint8_t* in = input.ptr<uint8_t>(r);

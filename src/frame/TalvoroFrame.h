@@ -272,10 +272,11 @@ class TalvoroFrame {
     cv::Mat filteredDepth;            // 480x640 CV_16U: flying-pixel output
     cv::Mat filteredRegisteredDepth;  // 720x1280 CV_16U: flying-pixel output, mode 5 mapped
     cv::Mat registeredDepth;          // CV_16U in the colour camera: 480x640 (mode 4), 720x1280 (5)
-    cv::Mat spatialTemp, spatialFiltered, sobelX, sobelY, edgeMagnitude, erodeElement, edgeMask;
-    cv::Mat prevDepthFrame;  // CV_8U: depth scaled to 0..255
-    cv::Mat depthcolormap;   // CV_8UC3
-    cv::Mat rgbFrame;        // CV_8UC2, as delivered
+    cv::Mat spatialTemp, spatialFiltered, sobelX, sobelY, edgeMagnitude, edgeMask;
+    cv::Mat rowDerivative, rowSmooth;  // 16-bit rows of the edge filter
+    cv::Mat prevDepthFrame;            // CV_8U: depth scaled to 0..255
+    cv::Mat depthcolormap;             // CV_8UC3
+    cv::Mat rgbFrame;                  // CV_8UC2, as delivered
     cv::Mat depthDistortion, hdDepthDistortion, depthCameraMatrix, hdDepthCameraMatrix;
     cv::Mat rgbDistortion, hdRgbDistortion, rgbCameraMatrix, hdRgbCameraMatrix;
     cv::Mat extrinsic, hdExtrinsic;
@@ -318,7 +319,7 @@ class TalvoroFrame {
 
     bool _usesRegisteredDepth(int mode, uint32_t flags, uint16_t calib) const;
     cv::Size _averagingSize(int mode, uint32_t flags) const;
-    const uint8_t* _colorTable() const;
+    const uint32_t* _colorTable() const;
     void _edgeFilter(const cv::Mat& input);
     std::string _tag() const;
     void _restoreRetired();

@@ -5,9 +5,12 @@
 #include <opencv2/rgbd.hpp>
 
 #include "FrameTestSupport.h"
+#include "frame/Cpu.h"
 
 using namespace talvoro_test;
 using Talvoro::TalvoroFrame;
+using Talvoro::frame::Isa;
+using Talvoro::frame::setIsaLimit;
 
 namespace {
 
@@ -100,10 +103,14 @@ TEST(Undistortion, MatchesCvUndistort) {
             c.depthK.convertTo(k32, CV_32F);
             Talvoro::frame::UndistortMap map;
             ASSERT_TRUE(map.build(k32, d, depth.size()));
-            cv::Mat ours(depth.size(), CV_16UC1), expected;
-            ASSERT_TRUE(map.apply(depth, ours));
+            cv::Mat expected;
             cv::undistort(depth, expected, k32, d, k32);
-            EXPECT_EQ(cv::norm(ours, expected, cv::NORM_INF), 0) << n << " " << scale;
+            for (Isa level : {Isa::Scalar, Isa::Avx512}) {  // scalar and gathering paths
+                setIsaLimit(level);
+                cv::Mat ours(depth.size(), CV_16UC1);
+                ASSERT_TRUE(map.apply(depth, ours));
+                EXPECT_EQ(cv::norm(ours, expected, cv::NORM_INF), 0) << n << " " << scale;
+            }
         }
     }
     Talvoro::frame::UndistortMap bad;

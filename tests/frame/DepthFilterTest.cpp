@@ -4,10 +4,13 @@
 #include <opencv2/imgproc.hpp>
 
 #include "FrameTestSupport.h"
+#include "frame/Cpu.h"
 #include "frame/TemporalFilter.h"
 
 using namespace talvoro_test;
 using Talvoro::TalvoroFrame;
+using Talvoro::frame::Isa;
+using Talvoro::frame::setIsaLimit;
 
 TEST(TemporalFilter, SumWrapsAtSixteenBits) {
     std::vector<uint16_t> current{20000}, past(5, 20000);
@@ -132,15 +135,18 @@ cv::Mat expectedColours(const cv::Mat& src, bool spatial, bool edge, int map) {
 TEST(PostProcessing, EveryFilterCombinationMatchesOpenCv) {
     const cv::Mat src = scaledDepthPicture();
     TalvoroFrame f;
-    for (int flags : {0, 1, 4, 5}) {
-        for (int map : {0, 4, 11, 21}) {
-            f.filterFlags = uint8_t(flags);
-            f.colorMapType = uint8_t(map);
-            f.post_processing(src);
-            const cv::Mat expected = expectedColours(src, flags & 1, flags & 4, map);
-            ASSERT_EQ(f.depthcolormap.size(), expected.size());
-            EXPECT_EQ(cv::norm(f.depthcolormap, expected, cv::NORM_INF), 0)
-                << "filters " << flags << " map " << map;
+    for (Isa level : {Isa::Scalar, Isa::Avx512}) {
+        setIsaLimit(level);
+        for (int flags : {0, 1, 4, 5}) {
+            for (int map : {0, 4, 11, 21}) {
+                f.filterFlags = uint8_t(flags);
+                f.colorMapType = uint8_t(map);
+                f.post_processing(src);
+                const cv::Mat expected = expectedColours(src, flags & 1, flags & 4, map);
+                ASSERT_EQ(f.depthcolormap.size(), expected.size());
+                EXPECT_EQ(cv::norm(f.depthcolormap, expected, cv::NORM_INF), 0)
+                    << "filters " << flags << " map " << map << " isa " << int(level);
+            }
         }
     }
     // A number beyond OpenCV's maps colours like the default map.

@@ -117,5 +117,6 @@ TEST_P(Kernels, FlyingPixelTestMatchesScalar) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Frame, Kernels, ::testing::Values(Isa::Sse2, Isa::Ssse3, Isa::Avx2, Isa::Avx512),
+INSTANTIATE_TEST_SUITE_P(Frame, Kernels,
+                         ::testing::Values(Isa::Sse2, Isa::Ssse3, Isa::Avx2, Isa::Avx512),
                          [](const auto& info) { return std::to_string(int(info.param)); });
