@@ -122,7 +122,7 @@ void TalvoroFrame::setAvgRegion(int region) {
 }
 
 void TalvoroFrame::setDepthPos(DepthPtr position) {
-    depthPos = position;
+    probe = uint64_t(uint32_t(position.x)) | uint64_t(uint32_t(position.y)) << 32;
     avgX = position.x;
     avgY = position.y;
 }
@@ -133,6 +133,11 @@ void TalvoroFrame::setCursorColor(int color) {
     cursor[1] = v;
     cursor[2] = v;
     cursor[3] = 0;
+}
+
+DepthPtr TalvoroFrame::depthPos() const {
+    const uint64_t packed = probe;
+    return DepthPtr{int32_t(uint32_t(packed)), int32_t(uint32_t(packed >> 32))};
 }
 
 cv::Scalar TalvoroFrame::cursorColor() const {

@@ -234,7 +234,7 @@ class TalvoroFrame {
     std::atomic<uint8_t> historyLength{5};
 
     std::atomic<uint32_t> processingFlags{kDefaultFlag};
-    std::atomic<DepthPtr> depthPos{DepthPtr{0, 0}};
+    DepthPtr depthPos() const;  // the probe point of setDepthPos; the pipeline does not read it
     std::atomic<uint32_t> avgRegionMode{0};  // bit 0 centre, bit 1 user point
     std::atomic<int32_t> avgX{320};
     std::atomic<int32_t> avgY{240};
@@ -346,6 +346,7 @@ class TalvoroFrame {
     std::vector<DepthPtr> depthPositions;
 
     std::array<std::atomic<double>, 4> cursor;
+    std::atomic<uint64_t> probe{0};  // depthPos: x in the low, y in the high 32 bits
 };
 
 }  // namespace Talvoro

@@ -5,6 +5,8 @@
 // 16-bit change of the buffer length, averaging point and window, then the payload, which is
 // repeated to fill the buffer (so a short input still makes a full-size frame whose line tags
 // it controls).
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <vector>
@@ -57,8 +59,9 @@ void loadCalibration(TalvoroFrame& f, Reader& in, uint8_t choice) {
         cv::Mat d = n ? matrix(in, 1, n, false, 0) / (sane ? 1e3 : 1.0) : cv::Mat();
         cv::Mat rgbD = n ? matrix(in, n, 1, false, 0) / (sane ? 1e3 : 1.0) : cv::Mat();
         if (sane) {
-            cv::patchNaNs(d, 0);
-            cv::patchNaNs(rgbD, 0);
+            for (cv::Mat* m : {&d, &rgbD})
+                for (auto it = m->begin<double>(); it != m->end<double>(); ++it)
+                    if (!std::isfinite(*it)) *it = 0;
         }
         cv::Mat rt = in.byte() & 1 ? matrix(in, 4, 4, sane, 1) : matrix(in, 3, 4, sane, 1);
         f.getCalibrationData(uint16_t(hd), uint16_t(in.i16()), k, d, rgbK, rgbD, rt, cv::Mat());
@@ -89,7 +92,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     f.avgWindowHeight = uint16_t(4 + window / 4);
     f.updateColorMap(in.i16(), in.i16(), int8_t(in.byte()));
     loadCalibration(f, in, calibration);
-    f.createThetaMat();
+    if (flags & TalvoroFrame::kPlanarization) f.createThetaMat();
     f.initFrame(mode);
 
     const size_t expected = mode < 10 ? kFrameBytes[mode] : 1000;
@@ -101,6 +104,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     f.setupFrame(raw.data(), int(raw.size()));
     f.processFrame();
+    if (bits & 0x80) f.updateDepthRange((bits >> 3) & 1);  // releases the scaled images
     // A second, shorter or longer frame into the copy sized by the first.
     raw.resize(length / 2 + (lengthChange & 0xFF) * 3);
     f.setupFrame(raw.data(), int(raw.size()));

@@ -162,6 +162,8 @@ TEST(Averaging, WindowAndLabelPlacement) {
     // The user point (630, 470) is moved to (624, 464); near the bottom edge the label goes
     // above the window, and near the right edge it moves left.
     f.setDepthPos({630, 470});
+    EXPECT_EQ(f.depthPos().x, 630);
+    EXPECT_EQ(f.depthPos().y, 470);
     f.setAvgRegion(1);
     ASSERT_EQ(process(f, 2, raw), 1);
     EXPECT_EQ(f.avgX.load(), 624);
