@@ -2,8 +2,6 @@
 
 #include <random>
 
-#include <opencv2/calib3d.hpp>
-
 namespace bench {
 
 cv::Mat depthScene() {
@@ -67,33 +65,6 @@ std::vector<uint8_t> rawFrame(int mode) {
         }
     }
     return b;
-}
-
-Calibration calibration(bool hd) {
-    Calibration c;
-    c.depthK = (cv::Mat_<double>(3, 3) << 524.7, 0, 318.2, 0, 525.9, 243.6, 0, 0, 1);
-    c.depthD = (cv::Mat_<double>(1, 5) << -0.12, 0.05, 0.001, -0.0005, -0.01);
-    c.rgbK = hd ? (cv::Mat_<double>(3, 3) << 1012.3, 0, 641.7, 0, 1010.9, 357.2, 0, 0, 1)
-                : (cv::Mat_<double>(3, 3) << 603.1, 0, 322.4, 0, 602.2, 238.9, 0, 0, 1);
-    c.rgbD = (cv::Mat_<double>(1, 5) << 0.05, -0.1, 0.0004, 0.0003, 0.02);
-    cv::Mat rotation;
-    cv::Rodrigues(cv::Vec3d(0.01, -0.02, 0.005), rotation);
-    c.extrinsic = cv::Mat::eye(4, 4, CV_64F);
-    rotation.copyTo(c.extrinsic(cv::Rect(0, 0, 3, 3)));
-    c.extrinsic.at<double>(0, 3) = 25.3;
-    c.extrinsic.at<double>(1, 3) = -1.2;
-    c.extrinsic.at<double>(2, 3) = 3.1;
-    c.extrinsicMetres = c.extrinsic.clone();
-    for (int i = 0; i < 3; ++i)
-        c.extrinsicMetres.at<double>(i, 3) /= 1000.0;
-    return c;
-}
-
-void loadCalibration(Talvoro::TalvoroFrame& f) {
-    for (bool hd : {false, true}) {
-        const Calibration c = calibration(hd);
-        f.getCalibrationData(hd, 0xFFF, c.depthK, c.depthD, c.rgbK, c.rgbD, c.extrinsic, cv::Mat());
-    }
 }
 
 namespace {

@@ -1,5 +1,5 @@
-// Inputs shared by the frame benchmarks: a depth scene, raw frames of the ToF modes and a
-// plausible calibration.
+// Inputs shared by the frame benchmarks: a depth scene and raw frames of the ToF modes (the
+// calibration is the tests' sample one).
 #ifndef TALVORO_BENCH_FRAME_BENCH_INPUTS_H
 #define TALVORO_BENCH_FRAME_BENCH_INPUTS_H
 
@@ -19,14 +19,6 @@ cv::Mat depthScene();
 // A raw buffer of data mode 0, 2, 4 or 5 carrying depthScene() (12-bit in the multiplexed
 // modes) and a matching IR image.
 std::vector<uint8_t> rawFrame(int mode);
-
-struct Calibration {
-    cv::Mat depthK, depthD, rgbK, rgbD, extrinsic, extrinsicMetres;
-};
-Calibration calibration(bool hd);
-
-// Loads both calibration sets into f.
-void loadCalibration(Talvoro::TalvoroFrame& f);
 
 // Records a ratio line for the summary: `measured` against `reference`, and the target.
 struct Ratio {

@@ -4,13 +4,14 @@
 #include <string>
 
 #include "BenchInputs.h"
+#include "SampleCalibration.h"
 
 using Talvoro::TalvoroFrame;
 
 namespace {
 
 void switchEverythingOn(TalvoroFrame& f, int mode) {
-    bench::loadCalibration(f);
+    talvoro_sample::loadBoth(f);
     f.createThetaMat();
     f.setPlanarization(1);
     f.allocateHistory();

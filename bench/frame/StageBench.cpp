@@ -10,6 +10,7 @@
 
 #include "Baselines.h"
 #include "BenchInputs.h"
+#include "SampleCalibration.h"
 #include "frame/Planarization.h"
 #include "frame/Registration.h"
 #include "frame/Separation.h"
@@ -146,7 +147,10 @@ void filters() {
 
 void geometry() {
     static const cv::Mat scene = bench::depthScene();
-    static const bench::Calibration vga = bench::calibration(false), hd = bench::calibration(true);
+    static const talvoro_sample::Calibration vga = talvoro_sample::calibration(false),
+                                             hd = talvoro_sample::calibration(true);
+    static const cv::Mat vgaMetres = talvoro_sample::metres(vga.extrinsic),
+                         hdMetres = talvoro_sample::metres(hd.extrinsic);
     static frame::UndistortMap map;
     map.build(vga.depthK, vga.depthD, scene.size());
     static cv::Mat undistorted(480, 640, CV_16UC1), reference;
@@ -157,17 +161,17 @@ void geometry() {
         {"undistortion speed-up", "undistortion/cv_undistort", "undistortion/own", 2.5});
 
     static frame::DepthRegistration vgaRegistration, hdRegistration;
-    vgaRegistration.configure(vga.depthK, vga.rgbK, vga.rgbD, vga.extrinsicMetres, {640, 480});
-    hdRegistration.configure(hd.depthK, hd.rgbK, hd.rgbD, hd.extrinsicMetres, {1280, 720});
+    vgaRegistration.configure(vga.depthK, vga.rgbK, vga.rgbD, vgaMetres, {640, 480});
+    hdRegistration.configure(hd.depthK, hd.rgbK, hd.rgbD, hdMetres, {1280, 720});
     static cv::Mat registered(480, 640, CV_16UC1), registeredHd(720, 1280, CV_16UC1);
     registerStage("registration/own_vga", [] { vgaRegistration.apply(scene, registered); });
     registerStage("registration/cv_registerDepth_vga", [] {
-        cv::rgbd::registerDepth(vga.depthK, vga.rgbK, vga.rgbD, vga.extrinsicMetres, scene,
-                                {640, 480}, reference, true);
+        cv::rgbd::registerDepth(vga.depthK, vga.rgbK, vga.rgbD, vgaMetres, scene, {640, 480},
+                                reference, true);
     });
     registerStage("registration/own_hd", [] { hdRegistration.apply(scene, registeredHd); });
     registerStage("registration/cv_registerDepth_hd", [] {
-        cv::rgbd::registerDepth(hd.depthK, hd.rgbK, hd.rgbD, hd.extrinsicMetres, scene, {1280, 720},
+        cv::rgbd::registerDepth(hd.depthK, hd.rgbK, hd.rgbD, hdMetres, scene, {1280, 720},
                                 reference, true);
     });
     bench::addRatio({"registration speed-up (information)", "registration/cv_registerDepth_vga",

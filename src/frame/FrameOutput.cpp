@@ -101,11 +101,12 @@ void TalvoroFrame::_placeAverageWindow(const FrameSettings&) {
         avgX = size.width / 2;
         avgY = size.height / 2;
     } else if (regions & 2) {
-        int x = avgX, y = avgY;
+        const int x = avgX, y = avgY;
         if (x < 0 || y < 0) return;
         const int hw = avgWindowWidth / 2, hh = avgWindowHeight / 2;
-        avgX = x + hw < size.width ? std::max(x, hw) : size.width - hw;
-        avgY = y + hh < size.height ? std::max(y, hh) : size.height - hh;
+        // In 64 bits: the point may be anywhere up to INT32_MAX.
+        avgX = int64_t(x) + hw < size.width ? std::max(x, hw) : size.width - hw;
+        avgY = int64_t(y) + hh < size.height ? std::max(y, hh) : size.height - hh;
     }
     if ((processingFlags & kAverageDue) && avgX >= 0 && avgY >= 0) {
         processingFlags &= ~kAverageDue;

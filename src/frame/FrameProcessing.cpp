@@ -28,6 +28,16 @@ struct FlyingPixelSet {
 constexpr FlyingPixelSet kNearSet{200, 1200, 10, 20};
 constexpr FlyingPixelSet kFarSet{1000, 6000, 20, 40};
 
+// The colour image of data modes 4 to 9 and, for 4 to 7, the multiplexed layout (8-byte words
+// per colour line, colour lines); modes 8 and 9 leave the layout as it was.
+struct ColourMode {
+    int rows, cols;
+    uint32_t frameBytes, lineWords, lineCount;
+};
+constexpr ColourMode kColourModes[6] = {
+    {480, 640, 1536000, 160, 480},  {720, 1280, 2770560, 321, 720}, {480, 640, 1536000, 160, 480},
+    {720, 1280, 2770560, 321, 720}, {1080, 1920, 0, 0, 0},          {1200, 1920, 0, 0, 0}};
+
 }  // namespace
 
 int TalvoroFrame::initFrame(int mode) {
@@ -36,29 +46,14 @@ int TalvoroFrame::initFrame(int mode) {
         std::lock_guard<std::mutex> lock(frameMutex);
         dataMode = mode;
         depthFrame.create(kHeight, kWidth, CV_16UC1);
-        switch (mode) {
-            case 4:
-            case 6:
-                rgbdFrameBytes = 1536000;
-                rgbLineWords = 160;
-                rgbLineCount = 480;
-                rgbFrame.create(480, 640, CV_8UC2);
-                break;
-            case 5:
-            case 7:
-                rgbdFrameBytes = 2770560;
-                rgbLineWords = 321;
-                rgbLineCount = 720;
-                rgbFrame.create(720, 1280, CV_8UC2);
-                break;
-            case 8:
-                rgbFrame.create(1080, 1920, CV_8UC2);
-                break;
-            case 9:
-                rgbFrame.create(1200, 1920, CV_8UC2);
-                break;
-            default:
-                break;
+        if (mode >= 4 && mode <= 9) {
+            const ColourMode& c = kColourModes[mode - 4];
+            if (c.frameBytes) {
+                rgbdFrameBytes = c.frameBytes;
+                rgbLineWords = c.lineWords;
+                rgbLineCount = c.lineCount;
+            }
+            rgbFrame.create(c.rows, c.cols, CV_8UC2);
         }
         tofLineWords = 120;
         // A new mode brings a new frame size: the next buffer sizes the private copy afresh.

@@ -26,6 +26,18 @@ class DepthRegistration {
     bool apply(const cv::Mat& depth, cv::Mat& registered) const;
 
   private:
+    // Where one depth pixel lands in the colour image, and its depth there in millimetres;
+    // valid is false when the projection is not a number.
+    struct Landing {
+        int x, y;
+        uint16_t value;
+        bool valid;
+    };
+    static constexpr float kToMetres = 0.001f;  // 16-bit depth is millimetres
+    static constexpr float kToMillimetres = 1.0f / kToMetres;
+    Landing land(uint16_t depth, int i, int j) const;
+    void land4(const uint16_t* depth, int i, int j, Landing out[4]) const;
+
     bool valid_ = false;
     cv::Size output_;
     double projection_[16] = {};  // depth pixel and depth to colour camera (or image) space

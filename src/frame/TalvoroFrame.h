@@ -80,9 +80,10 @@ class TalvoroFrame {
 
     // ---- Frame path -------------------------------------------------------------------------
 
-    // Prepares the images for data mode `mode`: 0 (nothing changed) for a negative mode, else 1.
-    // The private raw copy is released too, so the first frame of the new mode allocates one of
-    // the new frame size. Sets no error number.
+    // Prepares the images for data mode `mode` (0 to 9; 1 and unknown modes produce no image).
+    // Returns 0 (nothing changed) for a negative mode, OperationFailed (-24) when memory runs out,
+    // else 1. The private raw copy is released too, so the first frame of the new mode allocates
+    // one of the new frame size. Sets no error number.
     int initFrame(int mode);
 
     // Hands a captured buffer over: the first non-empty one allocates the private copy with its
@@ -91,15 +92,16 @@ class TalvoroFrame {
     // Returns 1, or OperationFailed (-24) when the copy cannot be allocated.
     int setupFrame(unsigned char* buffer, int size);
 
-    // Processes the buffer last handed to setupFrame. Returns 1; InvalidFrameBuffer (-18) when
-    // the buffer is shorter than the data mode needs or a multiplexed frame is malformed (the
-    // images then keep what was written and timestamp is not advanced); OperationFailed (-24)
-    // when memory runs out.
+    // Processes the buffer last handed to setupFrame. Returns 1 (also in data mode 1 and unknown
+    // modes, which have nothing to do); InvalidFrameBuffer (-18) when the buffer is shorter than
+    // the data mode needs or a multiplexed frame is malformed (the images then keep what was
+    // written and timestamp is not advanced); OperationFailed (-24) when memory runs out.
     int processFrame();
 
     // Fills `frame` with one image: 1; InvalidFrameType (-3) when the data mode does not
     // produce `type`; TimeoutError (-17) when a newer frame was captured than processed (before
-    // filling, or after it, in which case the record is filled).
+    // filling, or after it, in which case the record is filled). A type value beyond the four
+    // fills nothing and gives 1. Logs every call at level 1.
     int getToFFrame(FrameType type, ToFFrame* frame);
 
     // The Device's getFrames steps 2 and 3: clears *frames and, holding frameMutex, points its
@@ -110,7 +112,8 @@ class TalvoroFrame {
     // ---- Depth post-processing ----------------------------------------------------------------
 
     // Colours the 8-bit depth `src` into depthcolormap, after the spatial filter (bit 0 of
-    // filterFlags) and with edges blacked out (bit 2). Called with frameMutex held.
+    // filterFlags: OpenCV's median and bilateral filters, which allocate their own scratch
+    // memory on every call) and with edges blacked out (bit 2). Called with frameMutex held.
     void post_processing(const cv::Mat& src);
 
     // Removes flying pixels of src (CV_16UC1, at least height x width) into dst (the same):
@@ -122,8 +125,10 @@ class TalvoroFrame {
     // ---- Averaging ----------------------------------------------------------------------------
 
     // Computes the averages of the window centred at (x, y) and, with draw, draws the window
-    // and its values onto depthcolormap. Window pixels outside the image are not counted.
-    // Called with frameMutex held.
+    // and its values onto depthcolormap: "<avgDepth> mm" (never more than 65534, so the 32-bit
+    // format holds it) and, with the IR display, irMean, in OpenCV's simplex font (cv::putText,
+    // which allocates a small buffer per label). Window pixels outside the image count neither
+    // as valid nor in the spread. Called with frameMutex held.
     void _calculateAvgDepthIR(int x, int y, bool draw);
 
     // Device::getDepthIRValues: _calculateAvgDepthIR(avgX, avgY, false) under frameMutex.

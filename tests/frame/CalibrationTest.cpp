@@ -5,46 +5,19 @@
 #include <opencv2/rgbd.hpp>
 
 #include "FrameTestSupport.h"
+#include "SampleCalibration.h"
 #include "frame/Cpu.h"
 
 using namespace talvoro_test;
 using Talvoro::TalvoroFrame;
 using Talvoro::frame::Isa;
 using Talvoro::frame::setIsaLimit;
+using talvoro_sample::calibration;
+using talvoro_sample::Calibration;
+using talvoro_sample::load;
+using talvoro_sample::metres;
 
 namespace {
-
-struct Calibration {
-    cv::Mat depthK, depthD, rgbK, rgbD, extrinsic;  // extrinsic translation in millimetres
-};
-
-Calibration calibration(bool hd, double distortionScale = 1.0) {
-    Calibration c;
-    c.depthK = (cv::Mat_<double>(3, 3) << 524.7, 0, 318.2, 0, 525.9, 243.6, 0, 0, 1);
-    c.depthD = (cv::Mat_<double>(1, 5) << -0.12, 0.05, 0.001, -0.0005, -0.01) * distortionScale;
-    c.rgbK = hd ? (cv::Mat_<double>(3, 3) << 1012.3, 0, 641.7, 0, 1010.9, 357.2, 0, 0, 1)
-                : (cv::Mat_<double>(3, 3) << 603.1, 0, 322.4, 0, 602.2, 238.9, 0, 0, 1);
-    c.rgbD = (cv::Mat_<double>(5, 1) << 0.05, -0.1, 0.0004, 0.0003, 0.02) * distortionScale;
-    cv::Mat rotation;
-    cv::Rodrigues(cv::Vec3d(0.01, -0.02, 0.005), rotation);
-    c.extrinsic = cv::Mat::eye(4, 4, CV_64F);
-    rotation.copyTo(c.extrinsic(cv::Rect(0, 0, 3, 3)));
-    c.extrinsic.at<double>(0, 3) = 25.3;
-    c.extrinsic.at<double>(1, 3) = -1.2;
-    c.extrinsic.at<double>(2, 3) = 3.1;
-    return c;
-}
-
-void load(TalvoroFrame& f, bool hd, const Calibration& c, uint16_t mask) {
-    f.getCalibrationData(hd, mask, c.depthK, c.depthD, c.rgbK, c.rgbD, c.extrinsic, cv::Mat());
-}
-
-cv::Mat metres(const cv::Mat& extrinsic) {
-    cv::Mat m = extrinsic.clone();
-    for (int i = 0; i < 3; ++i)
-        m.at<double>(i, 3) /= 1000.0;
-    return m;
-}
 
 // A tilted wall with a box in front of it and holes.
 int sceneDepth(int r, int c) {
@@ -152,12 +125,17 @@ TEST(Registration, MatchesCvRegisterDepth) {
             const cv::Size size = hd ? cv::Size(1280, 720) : cv::Size(640, 480);
             Talvoro::frame::DepthRegistration registration;
             ASSERT_TRUE(registration.configure(c.depthK, c.rgbK, rgbD, metres(c.extrinsic), size));
-            cv::Mat ours(size, CV_16UC1), expected;
-            ASSERT_TRUE(registration.apply(depth, ours));
+            cv::Mat expected;
             cv::rgbd::registerDepth(c.depthK, c.rgbK, rgbD, metres(c.extrinsic), depth, size,
                                     expected, true);
             EXPECT_GT(cv::countNonZero(expected), int(size.area() / 4));
-            EXPECT_EQ(cv::norm(ours, expected, cv::NORM_INF), 0) << hd << " " << variant;
+            for (Isa level : {Isa::Scalar, Isa::Avx512}) {
+                setIsaLimit(level);
+                cv::Mat ours(size, CV_16UC1);
+                ASSERT_TRUE(registration.apply(depth, ours));
+                EXPECT_EQ(cv::norm(ours, expected, cv::NORM_INF), 0)
+                    << hd << " " << variant << " isa " << int(level);
+            }
         }
     }
 }

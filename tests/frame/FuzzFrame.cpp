@@ -2,9 +2,9 @@
 // settings and calibration (valid or malformed), through the whole frame processor.
 //
 // Input: mode, processing flags, filter/range/region bits, calibration choice, a signed
-// 16-bit change of the buffer length, averaging point and window, then the payload, which is
-// repeated to fill the buffer (so a short input still makes a full-size frame whose line tags
-// it controls).
+// 16-bit change of the buffer length, averaging point (32-bit x, y) and window, then the payload,
+// which is repeated to fill the buffer (so a short input still makes a full-size frame whose line
+// tags it controls).
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -25,7 +25,14 @@ struct Reader {
     const uint8_t* data;
     size_t size, pos = 0;
     uint8_t byte() { return pos < size ? data[pos++] : 0; }
-    int16_t i16() { return int16_t(byte() | byte() << 8); }
+    int16_t i16() {
+        const uint8_t low = byte();
+        return int16_t(low | byte() << 8);
+    }
+    int32_t i32() {
+        const uint16_t low = uint16_t(i16());
+        return int32_t(low | uint32_t(uint16_t(i16())) << 16);
+    }
     double number() {
         double v = 0;
         for (int i = 0; i < 8; ++i)
@@ -77,7 +84,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int mode = in.byte() % 12;  // 10 and 11 are unknown modes
     const uint8_t flags = in.byte(), bits = in.byte(), calibration = in.byte();
     const int16_t lengthChange = in.i16();
-    const int16_t x = in.i16(), y = in.i16();
+    const int32_t x = in.i32(), y = in.i32();
     const uint8_t window = in.byte();
 
     TalvoroFrame f;
@@ -90,7 +97,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     f.setDepthPos({x, y});
     f.avgWindowWidth = uint16_t(4 + window % 64);
     f.avgWindowHeight = uint16_t(4 + window / 4);
-    f.updateColorMap(in.i16(), in.i16(), int8_t(in.byte()));
+    const int16_t low = in.i16(), high = in.i16();
+    f.updateColorMap(low, high, int8_t(in.byte()));
     loadCalibration(f, in, calibration);
     if (flags & TalvoroFrame::kPlanarization) f.createThetaMat();
     f.initFrame(mode);

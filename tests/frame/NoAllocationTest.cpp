@@ -8,6 +8,7 @@
 #include <cstdlib>
 
 #include "FrameTestSupport.h"
+#include "SampleCalibration.h"
 
 extern "C" {
 void* __libc_malloc(size_t);
@@ -97,13 +98,7 @@ TEST(NoAllocation, PlainProcessing) {
 
 TEST(NoAllocation, OwnStagesOn) {
     TalvoroFrame f;
-    cv::Mat k = (cv::Mat_<double>(3, 3) << 520, 0, 320, 0, 520, 240, 0, 0, 1);
-    cv::Mat d = (cv::Mat_<double>(1, 5) << -0.1, 0.02, 0.001, 0, 0.01);
-    cv::Mat hdK = (cv::Mat_<double>(3, 3) << 1000, 0, 640, 0, 1000, 360, 0, 0, 1);
-    cv::Mat rt = cv::Mat::eye(4, 4, CV_64F);
-    rt.at<double>(0, 3) = 25;
-    f.getCalibrationData(0, 0xFFF, k, d, k, d, rt, cv::Mat());
-    f.getCalibrationData(1, 0xFFF, k, d, hdK, d, rt, cv::Mat());
+    talvoro_sample::loadBoth(f);
     f.createThetaMat();
     f.setPlanarization(1);
     f.setFilterType(1, true);

@@ -173,6 +173,11 @@ TEST(Averaging, WindowAndLabelPlacement) {
               0);
     EXPECT_EQ(f.avgDepth.load(), 1500u);
 
+    f.setDepthPos({INT32_MAX, INT32_MAX});  // far outside: moved to the last window
+    ASSERT_EQ(process(f, 2, raw), 1);
+    EXPECT_EQ(f.avgX.load(), 624);
+    EXPECT_EQ(f.avgY.load(), 464);
+
     f.setAvgRegion(0);  // centre
     ASSERT_EQ(process(f, 2, raw), 1);
     EXPECT_EQ(f.avgX.load(), 320);

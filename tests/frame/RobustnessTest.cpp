@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "FrameTestSupport.h"
+#include "SampleCalibration.h"
 
 using namespace talvoro_test;
 using Talvoro::TalvoroFrame;
@@ -18,13 +19,7 @@ const size_t kFrameBytes[10] = {1228800, 0,      614400,  614400,  1536000,
 
 // Everything on, with complete calibrations, so that every stage sees the garbage.
 void everythingOn(TalvoroFrame& f) {
-    cv::Mat k = (cv::Mat_<double>(3, 3) << 520, 0, 320, 0, 520, 240, 0, 0, 1);
-    cv::Mat d = (cv::Mat_<double>(1, 5) << -0.1, 0.02, 0, 0, 0);
-    cv::Mat hdK = (cv::Mat_<double>(3, 3) << 1000, 0, 640, 0, 1000, 360, 0, 0, 1);
-    cv::Mat rt = cv::Mat::eye(4, 4, CV_64F);
-    rt.at<double>(0, 3) = 25;
-    f.getCalibrationData(0, 0xFFF, k, d, k, d, rt, cv::Mat());
-    f.getCalibrationData(1, 0xFFF, k, d, hdK, d, rt, cv::Mat());
+    talvoro_sample::loadBoth(f);
     f.createThetaMat();
     f.setPlanarization(1);
     f.setFilterType(0, true);
