@@ -54,7 +54,7 @@ void TalvoroFrame::getCalibrationData(uint16_t hd, uint16_t mask, cv::Mat depthM
         map.build(*set[0], *set[1], cv::Size(frame::kWidth, frame::kHeight));
         registration.configure(*set[0], *set[2], *set[3], translationInMetres(*set[4]),
                                hd ? cv::Size(1280, 720) : cv::Size(640, 480));
-    } catch (const std::exception&) {
+    } catch (...) {
         // Out of memory while copying: the set is left unusable rather than half prepared.
         (hd ? hdUndistort : vgaUndistort).clear();
         (hd ? hdRegistration : vgaRegistration).clear();
@@ -62,7 +62,7 @@ void TalvoroFrame::getCalibrationData(uint16_t hd, uint16_t mask, cv::Mat depthM
 }
 
 int TalvoroFrame::createThetaMat() {
-    {
+    try {
         std::lock_guard<std::mutex> lock(frameMutex);
         double cx = 320, cy = 240;
         const cv::Mat& k = depthCameraMatrix;
@@ -79,6 +79,9 @@ int TalvoroFrame::createThetaMat() {
         sensorX = last.sensorX;
         sensorY = last.sensorY;
         thetaMat.convertTo(thetaFloat, CV_32F);
+    } catch (...) {
+        // Out of memory for the float copy: planarization then reads the doubles only.
+        thetaFloat.release();
     }
     avgX = 320;
     avgY = 240;

@@ -60,7 +60,7 @@ int TalvoroFrame::initFrame(int mode) {
         frameSeparateBuf.reset();
         frameLength = 0;
         frameBytes = 0;
-    } catch (const std::exception&) {
+    } catch (...) {
         return OperationFailed;
     }
     return 1;
@@ -120,7 +120,7 @@ int TalvoroFrame::processFrame() {
         }
         _placeAverageWindow(settings);
         return setError(Ok);
-    } catch (const std::exception&) {
+    } catch (...) {
         // Out of memory in an image allocation, or OpenCV refusing one of its calls.
         return setError(OperationFailed);
     }

@@ -111,7 +111,7 @@ bool DepthRegistration::configure(const cv::Mat& depthMatrix, const cv::Mat& col
         cy_ = colourK(1, 2);
         output_ = output;
         valid_ = true;
-    } catch (const cv::Exception&) {
+    } catch (...) {
         valid_ = false;
     }
     return valid_;

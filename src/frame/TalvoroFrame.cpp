@@ -146,7 +146,11 @@ cv::Scalar TalvoroFrame::cursorColor() const {
 
 void TalvoroFrame::setPositions(const std::vector<DepthPtr>& list) {
     std::lock_guard<std::mutex> lock(positionsMutex);
-    depthPositions.assign(list.begin(), list.end());
+    try {
+        depthPositions.assign(list.begin(), list.end());
+    } catch (...) {
+        depthPositions.clear();  // out of memory: an empty list rather than a thrown exception
+    }
 }
 
 std::vector<DepthPtr> TalvoroFrame::positions() const {
@@ -162,8 +166,12 @@ void TalvoroFrame::clearAverages() {
 }
 
 void TalvoroFrame::calculateAverages() {
-    std::lock_guard<std::mutex> lock(frameMutex);
-    _calculateAvgDepthIR(avgX, avgY, false);
+    try {
+        std::lock_guard<std::mutex> lock(frameMutex);
+        _calculateAvgDepthIR(avgX, avgY, false);
+    } catch (...) {
+        // OpenCV refusing its statistics: the results stay as they were.
+    }
 }
 
 void TalvoroFrame::allocateHistory() {
@@ -177,7 +185,12 @@ void TalvoroFrame::allocateHistory() {
             depthHistory.clear();  // no history: the temporal filter is skipped
             return;
         }
-        depthHistory.push_back(std::move(block));
+        try {
+            depthHistory.push_back(std::move(block));
+        } catch (...) {
+            depthHistory.clear();
+            return;
+        }
     }
 }
 

@@ -150,7 +150,7 @@ bool UndistortMap::build(const cv::Mat& cameraMatrix, const cv::Mat& distortion,
         xy_ = xy;
         fraction_ = fraction;
         return true;
-    } catch (const cv::Exception&) {
+    } catch (...) {
         clear();
         return false;
     }

@@ -13,6 +13,14 @@
 
 using namespace Talvoro::frame;
 
+namespace Talvoro::frame {
+// Test names and failure messages show the level by name.
+void PrintTo(Isa level, std::ostream* out) {
+    static const char* const names[] = {"Scalar", "Sse2", "Ssse3", "Avx2", "Avx512"};
+    *out << names[int(level)];
+}
+}  // namespace Talvoro::frame
+
 namespace {
 
 class Kernels : public ::testing::TestWithParam<Isa> {
@@ -119,4 +127,4 @@ TEST_P(Kernels, FlyingPixelTestMatchesScalar) {
 
 INSTANTIATE_TEST_SUITE_P(Frame, Kernels,
                          ::testing::Values(Isa::Sse2, Isa::Ssse3, Isa::Avx2, Isa::Avx512),
-                         [](const auto& info) { return std::to_string(int(info.param)); });
+                         [](const auto& info) { return ::testing::PrintToString(info.param); });
