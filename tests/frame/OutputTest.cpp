@@ -93,18 +93,6 @@ TEST(Output, DeviceSettings) {
     EXPECT_EQ(f.avgRegionMode.load(), 0u);
     EXPECT_EQ(f.avgDepth.load(), 0u);
     EXPECT_TRUE(f.processingFlags & TalvoroFrame::kAverageDue);
-
-    f.irGain = 3;
-    f.filterFlags = 7;
-    f.processingFlags = 0xF2;
-    f.calibValidFlags = 0xFFF;
-    f.setCursorColor(1);
-    f.resetToDefaults();
-    EXPECT_EQ(f.irGain.load(), 16);
-    EXPECT_EQ(f.filterFlags.load(), 0);
-    EXPECT_EQ(f.processingFlags.load(), 4u);
-    EXPECT_EQ(f.calibValidFlags.load(), 0);
-    EXPECT_EQ(f.cursorColor(), cv::Scalar(255, 255, 255, 0));
 }
 
 namespace {
