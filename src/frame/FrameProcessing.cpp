@@ -38,6 +38,13 @@ constexpr ColourMode kColourModes[6] = {
     {480, 640, 1536000, 160, 480},  {720, 1280, 2770560, 321, 720}, {480, 640, 1536000, 160, 480},
     {720, 1280, 2770560, 321, 720}, {1080, 1920, 0, 0, 0},          {1200, 1920, 0, 0, 0}};
 
+// (Re)allocates `image` zeroed when it does not have this shape: images handed out before the
+// first frame of a mode then hold zeros, not whatever the memory held.
+void ensureZeroed(cv::Mat& image, int rows, int cols, int type) {
+    if (image.rows != rows || image.cols != cols || image.type() != type)
+        image = cv::Mat::zeros(rows, cols, type);
+}
+
 }  // namespace
 
 int TalvoroFrame::initFrame(int mode) {
@@ -45,7 +52,7 @@ int TalvoroFrame::initFrame(int mode) {
     try {
         std::lock_guard<std::mutex> lock(frameMutex);
         dataMode = mode;
-        depthFrame.create(kHeight, kWidth, CV_16UC1);
+        ensureZeroed(depthFrame, kHeight, kWidth, CV_16UC1);
         if (mode >= 4 && mode <= 9) {
             const ColourMode& c = kColourModes[mode - 4];
             if (c.frameBytes) {
@@ -53,7 +60,7 @@ int TalvoroFrame::initFrame(int mode) {
                 rgbLineWords = c.lineWords;
                 rgbLineCount = c.lineCount;
             }
-            rgbFrame.create(c.rows, c.cols, CV_8UC2);
+            ensureZeroed(rgbFrame, c.rows, c.cols, CV_8UC2);
         }
         tofLineWords = 120;
         // A new mode brings a new frame size: the next buffer sizes the private copy afresh.
@@ -246,7 +253,7 @@ void TalvoroFrame::_flyingPixel(const FrameSettings& s, bool registered) {
     cv::Mat& depth = registered ? registeredDepth : depthFrame;
     cv::Mat& filtered = registered ? filteredRegisteredDepth : filteredDepth;
     if (depth.empty()) return;
-    filtered.create(depth.size(), CV_16UC1);
+    ensureZeroed(filtered, depth.rows, depth.cols, CV_16UC1);
     flyingPixelFilter(depth, depth.cols, depth.rows, p.depthLow, p.depthHigh, p.thresholdLow,
                       p.thresholdHigh, filtered);
     filtered.copyTo(depth);
@@ -276,9 +283,8 @@ void TalvoroFrame::_mapDepth(const FrameSettings& s) {
     }
     const frame::UndistortMap& map = vga ? vgaUndistort : hdUndistort;
     const frame::DepthRegistration& registration = vga ? vgaRegistration : hdRegistration;
-    registeredDepth.create(registration.valid() ? registration.outputSize()
-                                                : (vga ? cv::Size(640, 480) : cv::Size(1280, 720)),
-                           CV_16UC1);
+    const cv::Size size = vga ? cv::Size(640, 480) : cv::Size(1280, 720);
+    ensureZeroed(registeredDepth, size.height, size.width, CV_16UC1);
     bool mapped = map.apply(depthFrame, undistortedDepth);
     if (mapped) {
         _farRange(undistortedDepth, s);
