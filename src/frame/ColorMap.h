@@ -1,0 +1,25 @@
+// OpenCV's colour maps as lookup tables, computed once per process, so that colouring a frame
+// needs neither cv::applyColorMap's per-call allocations nor its three-channel conversion.
+#ifndef TALVORO_FRAME_COLOR_MAP_H
+#define TALVORO_FRAME_COLOR_MAP_H
+
+#include <cstdint>
+
+#include <opencv2/core.hpp>
+
+namespace Talvoro::frame {
+
+constexpr int kColorMapCount = 22;  // OpenCV's COLORMAP_AUTUMN (0) to COLORMAP_DEEPGREEN (21)
+
+// The 256 colours of colour map `type` (0..21) exactly as cv::applyColorMap gives them to the
+// grey values 0..255: blue, green and red in bytes 0, 1 and 2 of each entry. Null for any other
+// number.
+const uint32_t* colorMapTable(int type);
+
+// dst (CV_8UC3, src's size, reallocated only when it does not fit) = table colours of src
+// (CV_8UC1).
+void applyColorTable(const cv::Mat& src, cv::Mat& dst, const uint32_t* table);
+
+}  // namespace Talvoro::frame
+
+#endif
