@@ -144,18 +144,27 @@ void releaseRetired() {
         destroy(device);
 }
 
-DeviceCallback wrapApplicationCallback(DeviceCallback callback, const char* what) {
-    if (!callback) return callback;
-    return [callback = std::move(callback), what](int event, int index) {
-        CaptureThreadScope scope;
-        try {
-            callback(event, index);
-        } catch (...) {
-            // An exception would end the capture thread, and with it the process.
-            log(7, std::string("\nTalvoroSDK:the application's ") + what +
-                       " callback threw an exception; ignored");
-        }
-    };
+void registerApplicationCallback(const char* function, const DeviceHandle& handle,
+                                 DeviceCallback callback,
+                                 Result (TALVORODevice::*slot)(DeviceCallback)) {
+    boundary<int>(function, 0, [&] {
+        const Camera camera = resolve(handle);
+        if (!camera.isOpen()) return 0;
+        DeviceCallback wrapped;
+        if (callback)
+            wrapped = [inner = std::move(callback), function](int event, int index) {
+                CaptureThreadScope scope;
+                try {
+                    inner(event, index);
+                } catch (...) {
+                    // An exception would end the capture thread, and with it the process.
+                    log(7, std::string("\nTalvoroSDK:the callback given to ") + function +
+                               " threw an exception; ignored");
+                }
+            };
+        ((*camera.cam).*slot)(std::move(wrapped));
+        return 0;
+    });
 }
 
 }  // namespace Talvoro::wrapper

@@ -34,13 +34,8 @@ TALVORO_API int GetFramesPerSecond(DeviceHandle handle) {
 
 TALVORO_API void RegisterFrameCallback(DeviceHandle handle,
                                        std::function<void(int, int)> callback) {
-    boundary<int>("RegisterFrameCallback", 0, [&] {
-        const Camera camera = resolve(handle);
-        if (camera.isOpen())
-            camera.cam->registerFrameCallback(
-                wrapApplicationCallback(std::move(callback), "frame"));
-        return 0;
-    });
+    registerApplicationCallback("RegisterFrameCallback", handle, std::move(callback),
+                                &TALVORODevice::registerFrameCallback);
 }
 
 }  // extern "C"

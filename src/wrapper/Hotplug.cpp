@@ -38,15 +38,7 @@ void onStreamEvent(int event, int index, const TALVORODevice* origin) {
             // An application thread opening or closing may be joining this very thread: never
             // wait for it. Whoever holds the lock closes, or the release of the objects does.
             std::unique_lock<std::mutex> openClose(openCloseMutex(), std::try_to_lock);
-            if (openClose.owns_lock()) {
-                log(7, "\nTalvoroSDK:Closedevice index is  :" + std::to_string(camera.index));
-                log(7, "\nTalvoroSDK:before closeCAM :");
-                camera.cam->closeDevice();
-                log(7, "\nTalvoroSDK:before closeHID :");
-                camera.hid->closeHID();
-                log(7, "\nTalvoroSDK:before closeUVC :");
-                camera.uvc->closeUVC();
-            }
+            if (openClose.owns_lock()) closeChannels(camera);
             Registry& reg = registry();
             std::lock_guard<std::mutex> lock(reg.mutex);
             const int at = reg.indexOf(camera.cam.get());
@@ -90,13 +82,8 @@ extern "C" {
 
 TALVORO_API void RegisterNotificationCallback(DeviceHandle handle,
                                               std::function<void(int, int)> callback) {
-    boundary<int>("RegisterNotificationCallback", 0, [&] {
-        const Camera camera = resolve(handle);
-        if (camera.isOpen())
-            camera.cam->registerNotificationCallback(
-                wrapApplicationCallback(std::move(callback), "notification"));
-        return 0;
-    });
+    registerApplicationCallback("RegisterNotificationCallback", handle, std::move(callback),
+                                &TALVORODevice::registerNotificationCallback);
 }
 
 }  // extern "C"

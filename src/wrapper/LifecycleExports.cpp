@@ -41,6 +41,20 @@ Result countDevices(uint32_t* count) {
     return result;
 }
 
+// The list queries: the library must be initialised and the number pass the enumeration's own
+// check before the query runs.
+template <typename F>
+Result listQuery(uint32_t number, bool argumentGiven, F&& query) {
+    Registry& reg = registry();
+    std::lock_guard<std::mutex> lock(reg.mutex);
+    if (reg.is_init == NotInitialized) return NotInitialized;
+    reg.status = reg.enumerate->isValidIndex(number);
+    if (reg.status != Ok) return static_cast<Result>(reg.status);
+    if (!argumentGiven) return InvalidValue;
+    reg.status = query(*reg.enumerate);
+    return static_cast<Result>(reg.status);
+}
+
 }  // namespace
 
 extern "C" {
@@ -91,27 +105,15 @@ TALVORO_API Result GetDeviceCount(uint32_t* count) {
 
 TALVORO_API Result GetDeviceListInfo(uint32_t count, DeviceInfo* list) {
     return boundary("GetDeviceListInfo", [&] {
-        Registry& reg = registry();
-        std::lock_guard<std::mutex> lock(reg.mutex);
-        if (reg.is_init == NotInitialized) return NotInitialized;
-        reg.status = reg.enumerate->isValidIndex(count);
-        if (reg.status != Ok) return static_cast<Result>(reg.status);
-        if (!list && count > 0) return InvalidValue;
-        reg.status = reg.enumerate->getDeviceListInfo(count, list);
-        return static_cast<Result>(reg.status);
+        return listQuery(count, list || count == 0,
+                         [&](TALVOROEnumerator& e) { return e.getDeviceListInfo(count, list); });
     });
 }
 
 TALVORO_API Result GetDeviceInfo(uint32_t index, DeviceInfo* info) {
     return boundary("GetDeviceInfo", [&] {
-        Registry& reg = registry();
-        std::lock_guard<std::mutex> lock(reg.mutex);
-        if (reg.is_init == NotInitialized) return NotInitialized;
-        reg.status = reg.enumerate->isValidIndex(index);
-        if (reg.status != Ok) return static_cast<Result>(reg.status);
-        if (!info) return InvalidValue;
-        reg.status = reg.enumerate->getDeviceInfo(index, info);
-        return static_cast<Result>(reg.status);
+        return listQuery(index, info != nullptr,
+                         [&](TALVOROEnumerator& e) { return e.getDeviceInfo(index, info); });
     });
 }
 

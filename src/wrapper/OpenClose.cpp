@@ -91,18 +91,22 @@ Result openChannels(const Camera& camera, DeviceInfo& info, const DeviceHandle& 
 
 namespace wrapper {
 
+void closeChannels(const Camera& camera) {
+    log(7, "\nTalvoroSDK:Closedevice index is  :" + std::to_string(camera.index));
+    log(7, "\nTalvoroSDK:before closeCAM :");
+    camera.cam->closeDevice();
+    log(7, "\nTalvoroSDK:before closeHID :");
+    camera.hid->closeHID();
+    log(7, "\nTalvoroSDK:before closeUVC :");
+    camera.uvc->closeUVC();
+}
+
 Result closeCamera(const DeviceHandle& handle) {
     const Camera camera = resolve(handle);
     if (!camera.found) return CameraNotOpened;
     if (camera.openState != Ok) return static_cast<Result>(camera.openState);
     if (camera.cam->isDeviceOpen() == CameraAlreadyOpen) {
-        log(7, "\nTalvoroSDK:Closedevice index is  :" + std::to_string(camera.index));
-        log(7, "\nTalvoroSDK:before closeCAM :");
-        camera.cam->closeDevice();
-        log(7, "\nTalvoroSDK:before closeHID :");
-        camera.hid->closeHID();
-        log(7, "\nTalvoroSDK:before closeUVC :");
-        camera.uvc->closeUVC();
+        closeChannels(camera);
         update(camera.cam.get(), [](Registry& reg, std::size_t i) {
             reg.calibParamObtained[i] = false;
             reg.is_opened[i] = CameraNotOpened;

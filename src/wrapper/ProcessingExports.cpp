@@ -5,64 +5,55 @@ namespace Talvoro {
 
 using namespace wrapper;
 
-namespace {
-
-constexpr ModeRule kAny = ModeRule::Any;
-constexpr ModeRule kDepth = ModeRule::Depth;
-constexpr ModeRule kIR = ModeRule::IR;
-constexpr ModeRule kTof = ModeRule::Tof;
-
-}  // namespace
-
 extern "C" {
 
 TALVORO_API Result SetTOFIRGain(DeviceHandle handle, unsigned short gain) {
-    return callCamera("SetTOFIRGain", handle, kIR,
+    return callCamera("SetTOFIRGain", handle, ModeRule::IR,
                       [&](const Camera& c) { return c.cam->setTOFIRGain(gain); });
 }
 
 TALVORO_API Result GetTOFIRGain(DeviceHandle handle, unsigned short* gain) {
-    return callCamera("GetTOFIRGain", handle, kIR, [&](const Camera& c) {
+    return callCamera("GetTOFIRGain", handle, ModeRule::IR, [&](const Camera& c) {
         return gain ? c.cam->getTOFIRGain(gain) : InvalidValue;
     });
 }
 
 TALVORO_API Result SetAvgRegion(DeviceHandle handle, AvgRegion region) {
-    return callCamera("SetAvgRegion", handle, kAny,
+    return callCamera("SetAvgRegion", handle, ModeRule::Any,
                       [&](const Camera& c) { return c.cam->setAvgRegion(region); });
 }
 
 TALVORO_API Result UpdateAvgXandY(DeviceHandle handle, int width, int height) {
-    return callCamera("UpdateAvgXandY", handle, kTof,
+    return callCamera("UpdateAvgXandY", handle, ModeRule::Tof,
                       [&](const Camera& c) { return c.cam->updateAvgXandY(width, height); });
 }
 
 TALVORO_API Result SetAvgIRDisplay(DeviceHandle handle, unsigned char on) {
-    return callCamera("SetAvgIRDisplay", handle, kIR,
+    return callCamera("SetAvgIRDisplay", handle, ModeRule::IR,
                       [&](const Camera& c) { return c.cam->setAvgIRDisplay(on); });
 }
 
 TALVORO_API Result GetDepthIRValues(DeviceHandle handle, int* depthAverage, int* depthSpread,
                                     int* irMean, int* irSpread) {
-    return callCamera("GetDepthIRValues", handle, kTof, [&](const Camera& c) {
+    return callCamera("GetDepthIRValues", handle, ModeRule::Tof, [&](const Camera& c) {
         if (!depthAverage || !depthSpread || !irMean || !irSpread) return InvalidValue;
         return c.cam->getDepthIRValues(depthAverage, depthSpread, irMean, irSpread);
     });
 }
 
 TALVORO_API Result SetDepthPos(DeviceHandle handle, DepthPtr position) {
-    return callCamera("SetDepthPos", handle, kDepth,
+    return callCamera("SetDepthPos", handle, ModeRule::Depth,
                       [&](const Camera& c) { return c.cam->setDepthPos(position); });
 }
 
 TALVORO_API Result SetCursorColor(DeviceHandle handle, int color) {
-    return callCamera("SetCursorColor", handle, kDepth,
+    return callCamera("SetCursorColor", handle, ModeRule::Depth,
                       [&](const Camera& c) { return c.cam->setCursorColor(color); });
 }
 
 TALVORO_API Result SetPositions(DeviceHandle handle, std::vector<DepthPtr>* positions,
                                 unsigned char unused) {
-    return callCamera("SetPositions", handle, kAny, [&](const Camera& c) {
+    return callCamera("SetPositions", handle, ModeRule::Any, [&](const Camera& c) {
         return positions ? c.cam->setPositions(*positions, unused) : InvalidValue;
     });
 }
@@ -70,14 +61,14 @@ TALVORO_API Result SetPositions(DeviceHandle handle, std::vector<DepthPtr>* posi
 // Once the camera and the mode allow it the switch is reported done, whatever the Device
 // answered (an unknown filter type changes nothing).
 TALVORO_API Result SetFilterType(DeviceHandle handle, int type, bool on) {
-    return callCamera("SetFilterType", handle, kDepth, [&](const Camera& c) {
+    return callCamera("SetFilterType", handle, ModeRule::Depth, [&](const Camera& c) {
         c.cam->setFilterType(type, on);
         return Ok;
     });
 }
 
 TALVORO_API Result SetFlyingPixelFilter(DeviceHandle handle, int on) {
-    return callCamera("SetFlyingPixelFilter", handle, kDepth,
+    return callCamera("SetFlyingPixelFilter", handle, ModeRule::Depth,
                       [&](const Camera& c) { return c.cam->setFlyingPixelFilter(on); });
 }
 
@@ -86,13 +77,13 @@ TALVORO_API Result SetPlanarization(DeviceHandle handle, int on) {
     return boundary("SetPlanarization", [&] {
         const Camera camera = resolve(handle);
         if (!camera.found) return CameraNotOpened;
-        if (!permits(kDepth, camera.dataMode)) return NotSupportedInDataMode;
+        if (!permits(ModeRule::Depth, camera.dataMode)) return NotSupportedInDataMode;
         return camera.cam->setPlanarization(on);
     });
 }
 
 TALVORO_API Result SetUnDistortion(DeviceHandle handle, int on) {
-    return callCamera("SetUnDistortion", handle, kDepth,
+    return callCamera("SetUnDistortion", handle, ModeRule::Depth,
                       [&](const Camera& c) { return c.cam->setUnDistortion(on); });
 }
 
@@ -102,7 +93,7 @@ TALVORO_API Result SetRGBDMapping(DeviceHandle handle, int on) {
 }
 
 TALVORO_API Result UpdateColorMap(DeviceHandle handle, int min, int max, int colormap) {
-    return callCamera("UpdateColorMap", handle, kTof,
+    return callCamera("UpdateColorMap", handle, ModeRule::Tof,
                       [&](const Camera& c) { return c.cam->updateColorMap(min, max, colormap); });
 }
 

@@ -25,10 +25,13 @@ std::mutex& openCloseMutex() {
     return *mutex;
 }
 
-bool Registry::getDevIndex(const DeviceHandle& handle, int* index) const {
-    const std::string serial = serialOf(handle.serialNo);
-    for (std::size_t i = 0; i < devHandleList.size(); ++i) {
-        if (serialOf(devHandleList[i].serialNo) == serial) {
+namespace {
+
+// The first record of `list` carrying `serial`.
+template <typename Record>
+bool firstWithSerial(const std::vector<Record>& list, const std::string& serial, int* index) {
+    for (std::size_t i = 0; i < list.size(); ++i) {
+        if (serialOf(list[i].serialNo) == serial) {
             *index = static_cast<int>(i);
             return true;
         }
@@ -36,15 +39,14 @@ bool Registry::getDevIndex(const DeviceHandle& handle, int* index) const {
     return false;
 }
 
+}  // namespace
+
+bool Registry::getDevIndex(const DeviceHandle& handle, int* index) const {
+    return firstWithSerial(devHandleList, serialOf(handle.serialNo), index);
+}
+
 bool Registry::getDeviceIndexFromDeviceInfo(const DeviceInfo& info, int* index) const {
-    const std::string serial = serialOf(info.serialNo);
-    for (std::size_t i = 0; i < deviceListInfo.size(); ++i) {
-        if (serialOf(deviceListInfo[i].serialNo) == serial) {
-            *index = static_cast<int>(i);
-            return true;
-        }
-    }
-    return false;
+    return firstWithSerial(deviceListInfo, serialOf(info.serialNo), index);
 }
 
 int Registry::indexOf(const TALVORODevice* device) const {

@@ -153,9 +153,12 @@ bool onCaptureThread();
 // Releases retired objects and parked Devices, unless called on a capture thread.
 void releaseRetired();
 
-// The application's callback, run marked as capture-thread code and kept from throwing into the
-// capture loop; an empty function stays empty.
-DeviceCallback wrapApplicationCallback(DeviceCallback callback, const char* what);
+// RegisterFrameCallback and RegisterNotificationCallback: an open camera's Device takes the
+// application's callback into `slot`, run marked as capture-thread code and kept from throwing
+// into the capture loop (an empty function stays empty); otherwise nothing happens.
+void registerApplicationCallback(const char* function, const DeviceHandle& handle,
+                                 DeviceCallback callback,
+                                 Result (TALVORODevice::*slot)(DeviceCallback));
 
 // The unplug handler registered with every opened Device (it knows its Device, so it finds the
 // right entry even when indices have moved).
@@ -213,8 +216,10 @@ Result callCamera(const char* function, const DeviceHandle& handle, ModeRule rul
     return boundary(function, [&] { return guarded(handle, rule, f); });
 }
 
-// Shared by the exports and the open sequence.
+// Shared by the exports, the open sequence and the unplug handler.
 Result closeCamera(const DeviceHandle& handle);
+// Closes the capture device, then the HID and the UVC channel, logging each step.
+void closeChannels(const Camera& camera);
 Result getDepthRange(const Camera& camera, uint16_t* range);
 Result getDataMode(const Camera& camera, DataMode* mode);
 
