@@ -305,8 +305,11 @@ TALVORO_API Result SetLogging(unsigned int mode);
  * only for bookkeeping, never while a camera is talked to. Calls for ONE camera must not run on
  * two threads at once (its control channels have one command buffer each); different cameras
  * are independent. Opening and closing are serialised across all cameras (they share the
- * calibration files). A caught exception (out of memory, an OpenCV failure) ends any call with
- * OperationFailed and a level-7 log line; nothing is thrown to the caller.
+ * calibration files); called from a callback while another thread opens or closes a camera,
+ * OpenDevice, CloseDevice and DeInitialize wait at most 2 s and then return OperationFailed, since
+ * that thread may be waiting for the callback to return. A caught exception (out of memory, an
+ * OpenCV failure) ends any call with OperationFailed and a level-7 log line; nothing is thrown to
+ * the caller.
  */
 
 /**
@@ -512,6 +515,8 @@ TALVORO_API int GetFramesPerSecond(DeviceHandle handle);
  * callback registered for a camera counts: the library keeps it, and may call it, until the
  * camera is unregistered (DeInitialize or unplug), so whatever it refers to must live that long.
  * Later ones and an unknown or closed camera are ignored. An empty function registers nothing.
+ * A callback may call the per-camera functions, CloseDevice included; DeInitialize called from a
+ * callback leaves the cameras streaming until the next call from an application thread.
  */
 TALVORO_API void RegisterFrameCallback(DeviceHandle handle, std::function<void(int, int)> callback);
 

@@ -37,7 +37,7 @@ void onStreamEvent(int event, int index, const TALVORODevice* origin) {
         if (event == 1 && camera.cam->isDeviceOpen() == CameraAlreadyOpen) {
             // An application thread opening or closing may be joining this very thread: never
             // wait for it. Whoever holds the lock closes, or the release of the objects does.
-            std::unique_lock<std::mutex> openClose(openCloseMutex(), std::try_to_lock);
+            std::unique_lock<std::timed_mutex> openClose(openCloseMutex(), std::try_to_lock);
             if (openClose.owns_lock()) closeChannels(camera);
             Registry& reg = registry();
             std::lock_guard<std::mutex> lock(reg.mutex);

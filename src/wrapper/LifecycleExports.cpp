@@ -79,7 +79,8 @@ TALVORO_API Result Initialize() {
 
 TALVORO_API Result DeInitialize() {
     return boundary("DeInitialize", [] {
-        std::lock_guard<std::mutex> openClose(openCloseMutex());
+        const OpenCloseLock openClose;
+        if (!openClose.owns()) return OperationFailed;
         std::vector<std::shared_ptr<void>> released;
         {
             Registry& reg = registry();

@@ -125,7 +125,8 @@ extern "C" {
 TALVORO_API Result OpenDevice(DeviceInfo info, DeviceHandle* handle) {
     return boundary("OpenDevice", [&] {
         if (!handle) return InvalidValue;
-        std::lock_guard<std::mutex> openClose(openCloseMutex());
+        const OpenCloseLock openClose;
+        if (!openClose.owns()) return OperationFailed;
         logStep("before getDeviceIndexFromDeviceInfo : ");
         const Camera camera = resolveInfo(info);
         if (!camera.found) return InvalidNode;
@@ -161,7 +162,8 @@ TALVORO_API Result OpenDevice(DeviceInfo info, DeviceHandle* handle) {
 
 TALVORO_API Result CloseDevice(DeviceHandle handle) {
     return boundary("CloseDevice", [&] {
-        std::lock_guard<std::mutex> openClose(openCloseMutex());
+        const OpenCloseLock openClose;
+        if (!openClose.owns()) return OperationFailed;
         return closeCamera(handle);
     });
 }

@@ -20,9 +20,16 @@ Registry& registry() {
     return *instance;
 }
 
-std::mutex& openCloseMutex() {
-    static std::mutex* mutex = new std::mutex;
+std::timed_mutex& openCloseMutex() {
+    static std::timed_mutex* mutex = new std::timed_mutex;
     return *mutex;
+}
+
+OpenCloseLock::OpenCloseLock() : lock_(openCloseMutex(), std::defer_lock) {
+    if (onCaptureThread())
+        lock_.try_lock_for(kCallbackLockWait);
+    else
+        lock_.lock();
 }
 
 namespace {

@@ -19,6 +19,7 @@
 #define TALVORO_WRAPPER_TALVORO_WRAPPER_H
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <exception>
 #include <functional>
@@ -116,7 +117,20 @@ struct Registry {
 Registry& registry();
 
 // Serialises OpenDevice, CloseDevice and DeInitialize.
-std::mutex& openCloseMutex();
+std::timed_mutex& openCloseMutex();
+
+// Holds openCloseMutex for an exported call. On a capture thread it waits at most
+// kCallbackLockWait: the holder may be closing this very camera, joining the thread the caller
+// runs on. owns() tells whether the lock was taken.
+inline constexpr std::chrono::seconds kCallbackLockWait{2};
+class OpenCloseLock {
+  public:
+    OpenCloseLock();
+    bool owns() const { return lock_.owns_lock(); }
+
+  private:
+    std::unique_lock<std::timed_mutex> lock_;
+};
 
 // A Device for a camera found at enumeration index `index`, deleted safely (see above).
 DevicePtr makeDevice(int index);

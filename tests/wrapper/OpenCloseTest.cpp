@@ -1,5 +1,7 @@
 // Opening and closing cameras, and the answers for cameras that are not open.
 // wrapper.lifecycle: LIFE-A on /dev/video0, LIFE-B on /dev/video2.
+#include <atomic>
+
 #include "wrapper/ApiFixture.h"
 
 namespace apitest {
@@ -88,6 +90,26 @@ TEST_F(OpenClose, AnUnreadableDepthRangeClosesTheCameraYetReportsOk) {
     // The camera counts as open, so the next open first closes what is left, then opens.
     const DeviceHandle b = open("LIFE-B");
     EXPECT_EQ(IsOpened(b), CameraAlreadyOpen);
+}
+
+TEST_F(OpenClose, ACallbackClosingWhileTheApplicationClosesDoesNotDeadlock) {
+    const DeviceHandle h = open("LIFE-A");
+    std::atomic<int> stage{0};
+    std::atomic<int> fromCallback{Ok};
+    RegisterFrameCallback(h, [&](int, int) {
+        int first = 0;
+        if (!stage.compare_exchange_strong(first, 1)) return;
+        // Once the application thread is inside its CloseDevice (which joins this thread), close
+        // as well.
+        waitFor([&] { return logText().find("Closedevice index is") != std::string::npos; });
+        fromCallback = CloseDevice(h);
+        stage = 2;
+    });
+    ASSERT_TRUE(waitFor([&] { return stage >= 1; }));
+    EXPECT_EQ(CloseDevice(h), Ok);
+    EXPECT_EQ(stage, 2);
+    EXPECT_EQ(fromCallback, OperationFailed);
+    EXPECT_EQ(IsOpened(h), CameraNotOpened);
 }
 
 }  // namespace
