@@ -87,12 +87,11 @@ bool Device::createBuffers() {
 }
 
 void Device::releaseBuffers() {
-    {
-        std::lock_guard<std::mutex> lock(frameMutex);
-        frameBuffer.reset();
-        frameSize = 0;
-        newFrame = false;
-    }
+    // Whole under the frame lock, which also keeps two closing threads from releasing twice.
+    std::lock_guard<std::mutex> lock(frameMutex);
+    frameBuffer.reset();
+    frameSize = 0;
+    newFrame = false;
     if (!buffersRequested) return;
     buffersRequested = false;
     for (MemoryMapping& buffer : buffers) {
@@ -146,9 +145,11 @@ int Device::initCapture(bool keepFormat) {
     stopRequested = false;
     if (!stream(true)) return 0;
 
-    captureRun = std::make_shared<std::atomic<bool>>(true);
+    auto run = std::make_shared<std::atomic<bool>>(true);
     try {
-        captureThread = std::thread(&Device::grabFrame, this, captureRun);
+        std::lock_guard<std::mutex> lock(threadMutex);
+        captureThread = std::thread(&Device::grabFrame, this, run);
+        captureRun = std::move(run);
     } catch (const std::system_error&) {
         stream(false);
         return 0;
@@ -157,13 +158,22 @@ int Device::initCapture(bool keepFormat) {
 }
 
 void Device::_retireCaptureThread(bool join) {
-    if (!captureThread.joinable()) return;
-    if (join && captureThread.get_id() != std::this_thread::get_id()) {
-        captureThread.join();
+    // Taken out under the lock: the hot-plug handler may close on the acquisition thread while
+    // the application closes too, and only one of them may let go of the thread.
+    std::thread thread;
+    std::shared_ptr<std::atomic<bool>> run;
+    {
+        std::lock_guard<std::mutex> lock(threadMutex);
+        thread = std::move(captureThread);
+        run = std::move(captureRun);
+    }
+    if (!thread.joinable()) return;
+    if (join && thread.get_id() != std::this_thread::get_id()) {
+        thread.join();
         return;
     }
-    captureRun->store(false);
-    captureThread.detach();
+    run->store(false);
+    thread.detach();
 }
 
 int Device::deinitCapture() {
