@@ -124,6 +124,8 @@ class Device : public TALVORODevice {
     uint64_t acquisitionRounds() const { return loopCount.load(); }
 
   private:
+    // A cleared buffer record of a memory-mapped capture buffer.
+    static v4l2_buffer _bufferRecord(uint32_t index);
     // "<index>   <label>", the tail of every log line.
     std::string _tag() const;
     std::string _label() const;

@@ -15,6 +15,14 @@
 
 namespace Talvoro {
 
+v4l2_buffer Device::_bufferRecord(uint32_t index) {
+    v4l2_buffer buffer{};
+    buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    buffer.memory = V4L2_MEMORY_MMAP;
+    buffer.index = index;
+    return buffer;
+}
+
 bool Device::requestBuffers(int count) {
     if (isDeviceOpen() == CameraNotOpened) return false;
     request = v4l2_requestbuffers{};
@@ -55,10 +63,7 @@ bool Device::createBuffers() {
     buffers.reserve(count);
     uint64_t largest = 0;
     for (uint32_t i = 0; i < count; ++i) {
-        v4l2_buffer buffer{};
-        buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-        buffer.memory = V4L2_MEMORY_MMAP;
-        buffer.index = i;
+        v4l2_buffer buffer = _bufferRecord(i);
         if (xioctl(fd.get(), VIDIOC_QUERYBUF, &buffer) == -1) {
             _log(7, "\nTalvoroSDK:VIDEOIO(Device): failed VIDIOC_QUERYBUF: ");
             return false;
@@ -131,10 +136,7 @@ int Device::initCapture(bool keepFormat) {
         return 0;
     }
     for (uint32_t i = 0; i < buffers.size(); ++i) {
-        v4l2_buffer buffer{};
-        buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-        buffer.memory = V4L2_MEMORY_MMAP;
-        buffer.index = i;
+        v4l2_buffer buffer = _bufferRecord(i);
         if (xioctl(fd.get(), VIDIOC_QBUF, &buffer) == -1) {
             // Followed by the device index, not the error number: that is how it reads.
             _log(7, "\nTalvoroSDK:VIDEOIO(Device): failed VIDIOC_QBUF errno= ");
