@@ -153,6 +153,12 @@ TEST_F(Stream, PartialFramesAreDroppedSilently) {
 
 TEST_F(Stream, PollingTimesOutOnlyBeforeTheFirstFrame) {
     ASSERT_TRUE(talvoro_vcam::injectFault(kSerial, "stall"));
+    // Frames filled but never dequeued before earlier streams stopped.
+    const auto unfetched = [] {
+        const auto c = counters(kSerial);
+        return c.produced - c.dequeued;
+    };
+    const auto leftOver = unfetched();
     Device device(0);
     ASSERT_TRUE(device.open(nodeInfo(kNode)));
     const auto start = std::chrono::steady_clock::now();
@@ -162,10 +168,7 @@ TEST_F(Stream, PollingTimesOutOnlyBeforeTheFirstFrame) {
     talvoro_vcam::clearFault(kSerial, "stall");
     ASSERT_EQ(fetchFrame(device), Ok);
     ASSERT_TRUE(talvoro_vcam::injectFault(kSerial, "stall"));
-    ASSERT_TRUE(eventually([] {
-        const auto c = counters(kSerial);
-        return c.dequeued == c.produced;
-    }));
+    ASSERT_TRUE(eventually([&] { return unfetched() == leftOver; }));
     // The last frame is processed again, and counted once.
     EXPECT_EQ(device.getframe(), Ok);
     const uint32_t counted = device.processedFrames();
