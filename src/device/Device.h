@@ -145,7 +145,7 @@ class Device : public TALVORODevice {
     mutable std::mutex labelMutex;
     std::string deviceLabel;
 
-    std::vector<MemoryMapping> buffers;            // one per granted driver buffer
+    std::vector<MemoryMapping> buffers;            // one per granted buffer; freed under frameMutex
     std::unique_ptr<unsigned char[]> frameBuffer;  // guarded by frameMutex
     uint64_t frameSize = 0;                        // written under frameMutex
     std::atomic<bool> buffersRequested{false};
