@@ -115,24 +115,6 @@ TEST_F(Settings, DepthAndIrValuesFollowTheDataModeAndAreClearedWhenRead) {
     EXPECT_EQ(device.getDepthIRValues(&v, &v, &v, nullptr), InvalidValue);
 }
 
-TEST_F(Settings, ForwardedSettingsReachTheProcessor) {
-    TALVOROError::cErrorNo = -99;
-    EXPECT_EQ(device.setCursorColor(5), Ok);
-    EXPECT_EQ(frame.cursorColor(), cv::Scalar(0, 0, 0, 0));
-    EXPECT_EQ(device.setDepthPos({12, 34}), Ok);
-    EXPECT_EQ(std::pair(frame.avgX.load(), frame.avgY.load()), std::pair(12, 34));
-    EXPECT_EQ(device.setPositions({{1, 2}, {3, 4}}, 9), Ok);
-    EXPECT_EQ(frame.positions().size(), 2u);
-    EXPECT_EQ(device.setAvgIRDisplay(7), Ok);
-    EXPECT_EQ(frame.avgIRDisplay.load(), 1);
-    EXPECT_EQ(lastError(), Ok);
-    EXPECT_EQ(device.createThetaMat(), Ok);
-    EXPECT_EQ(std::pair(frame.avgX.load(), frame.avgY.load()), std::pair(320, 240));
-    const cv::Mat m = cv::Mat::eye(3, 3, CV_64F), d = cv::Mat::zeros(1, 5, CV_64F);
-    EXPECT_EQ(device.obtainCalibParams(0, 0x3F, m, d, m, d, cv::Mat::eye(4, 4, CV_64F), {}), Ok);
-    EXPECT_EQ(frame.calibValidFlags.load(), 0x3F);
-}
-
 TEST_F(Settings, EachCallbackSlotTakesOneCallable) {
     int calls = 0;
     const DeviceCallback count = [&](int, int) { ++calls; };
@@ -145,24 +127,6 @@ TEST_F(Settings, EachCallbackSlotTakesOneCallable) {
         EXPECT_EQ(lastError(), FrameCallbackRegistrationFailed);
     }
     EXPECT_EQ(calls, 0);
-}
-
-TEST_F(Settings, CloseRestoresTheDefaults) {
-    device.setTOFIRGain(50);
-    device.updateColorMap(10, 20, 2);
-    device.setFlyingPixelFilter(1);
-    device.setFilterType(1, true);
-    device.setAvgRegion(AvgRegion_Point);
-    frame.calibValidFlags = 0xFFF;
-    EXPECT_EQ(device.closeDevice(), 1);
-    EXPECT_EQ(frame.irGain.load(), 16);
-    EXPECT_EQ(frame.colorMapType.load(), 4);
-    EXPECT_EQ(frame.depthMax.load(), 0);
-    EXPECT_EQ(frame.processingFlags.load(), TalvoroFrame::kDefaultFlag);
-    EXPECT_EQ(frame.filterFlags.load(), 0);
-    EXPECT_EQ(frame.calibValidFlags.load(), 0);
-    EXPECT_EQ(frame.avgRegionMode.load(), 0u);
-    EXPECT_FALSE(frame.hasHistory());
 }
 
 // ---- A device that never streamed ---------------------------------------------------------
