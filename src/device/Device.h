@@ -12,6 +12,10 @@
 // Callbacks run on the acquisition thread. A callback may call closeDevice, deinitCapture,
 // setFormat or even destroy the Device: the thread is then detached instead of joined and,
 // once the callback returns, ends without touching the Device again.
+//
+// The operations that start and stop capture (open, initCapture, setFormat, deinitCapture,
+// closeDevice) must not run on two threads at once, with one exception: closeDevice from the
+// hot-plug handler on the acquisition thread may overlap the application's own close.
 #ifndef TALVORO_DEVICE_DEVICE_H
 #define TALVORO_DEVICE_DEVICE_H
 
@@ -120,6 +124,8 @@ class Device : public TALVORODevice {
     uint64_t acquisitionRounds() const { return loopCount.load(); }
 
   private:
+    // A cleared buffer record of a memory-mapped capture buffer.
+    static v4l2_buffer _bufferRecord(uint32_t index);
     // "<index>   <label>", the tail of every log line.
     std::string _tag() const;
     std::string _label() const;
@@ -139,10 +145,10 @@ class Device : public TALVORODevice {
     mutable std::mutex labelMutex;
     std::string deviceLabel;
 
-    std::vector<MemoryMapping> buffers;            // one per granted driver buffer
+    std::vector<MemoryMapping> buffers;            // one per granted buffer; freed under frameMutex
     std::unique_ptr<unsigned char[]> frameBuffer;  // guarded by frameMutex
     uint64_t frameSize = 0;                        // written under frameMutex
-    bool buffersRequested = false;
+    std::atomic<bool> buffersRequested{false};
     std::atomic<bool> streaming{false};
     std::atomic<bool> lastReadOk{false};
     std::atomic<bool> frameSignalled{false};
@@ -181,6 +187,7 @@ class Device : public TALVORODevice {
     std::chrono::steady_clock::time_point fpsTime;
     bool fpsTimeSet = false;
 
+    std::mutex threadMutex;  // guards captureThread and captureRun
     std::thread captureThread;
     // The running acquisition thread's permission to touch the Device; cleared when the Device
     // lets go of the thread without joining it.

@@ -48,9 +48,7 @@ bool Device::read_frame_v4l2(bool* streamEnded) {
     *streamEnded = false;
     if (!wait_for_frame()) return false;
 
-    v4l2_buffer buffer{};
-    buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    buffer.memory = V4L2_MEMORY_MMAP;
+    v4l2_buffer buffer = _bufferRecord(0);
     if (xioctl(fd.get(), VIDIOC_DQBUF, &buffer) == -1) {
         // Everything the notifications need is read before streaming is cleared: from then on
         // deinitCapture releases this run without waiting for the thread.
@@ -69,10 +67,7 @@ bool Device::read_frame_v4l2(bool* streamEnded) {
     }
     if (buffer.index >= buffers.size()) return false;  // not one of ours: nothing to give back
 
-    v4l2_buffer requeue{};
-    requeue.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    requeue.memory = V4L2_MEMORY_MMAP;
-    requeue.index = buffer.index;
+    v4l2_buffer requeue = _bufferRecord(buffer.index);
     if (buffer.bytesused < frameSize) {
         // Incomplete: back to the driver, silently.
         xioctl(fd.get(), VIDIOC_QBUF, &requeue);

@@ -15,6 +15,14 @@
 
 namespace Talvoro {
 
+v4l2_buffer Device::_bufferRecord(uint32_t index) {
+    v4l2_buffer buffer{};
+    buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    buffer.memory = V4L2_MEMORY_MMAP;
+    buffer.index = index;
+    return buffer;
+}
+
 bool Device::requestBuffers(int count) {
     if (isDeviceOpen() == CameraNotOpened) return false;
     request = v4l2_requestbuffers{};
@@ -55,10 +63,7 @@ bool Device::createBuffers() {
     buffers.reserve(count);
     uint64_t largest = 0;
     for (uint32_t i = 0; i < count; ++i) {
-        v4l2_buffer buffer{};
-        buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-        buffer.memory = V4L2_MEMORY_MMAP;
-        buffer.index = i;
+        v4l2_buffer buffer = _bufferRecord(i);
         if (xioctl(fd.get(), VIDIOC_QUERYBUF, &buffer) == -1) {
             _log(7, "\nTalvoroSDK:VIDEOIO(Device): failed VIDIOC_QUERYBUF: ");
             return false;
@@ -87,12 +92,11 @@ bool Device::createBuffers() {
 }
 
 void Device::releaseBuffers() {
-    {
-        std::lock_guard<std::mutex> lock(frameMutex);
-        frameBuffer.reset();
-        frameSize = 0;
-        newFrame = false;
-    }
+    // Whole under the frame lock, which also keeps two closing threads from releasing twice.
+    std::lock_guard<std::mutex> lock(frameMutex);
+    frameBuffer.reset();
+    frameSize = 0;
+    newFrame = false;
     if (!buffersRequested) return;
     buffersRequested = false;
     for (MemoryMapping& buffer : buffers) {
@@ -132,10 +136,7 @@ int Device::initCapture(bool keepFormat) {
         return 0;
     }
     for (uint32_t i = 0; i < buffers.size(); ++i) {
-        v4l2_buffer buffer{};
-        buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-        buffer.memory = V4L2_MEMORY_MMAP;
-        buffer.index = i;
+        v4l2_buffer buffer = _bufferRecord(i);
         if (xioctl(fd.get(), VIDIOC_QBUF, &buffer) == -1) {
             // Followed by the device index, not the error number: that is how it reads.
             _log(7, "\nTalvoroSDK:VIDEOIO(Device): failed VIDIOC_QBUF errno= ");
@@ -146,9 +147,11 @@ int Device::initCapture(bool keepFormat) {
     stopRequested = false;
     if (!stream(true)) return 0;
 
-    captureRun = std::make_shared<std::atomic<bool>>(true);
+    auto run = std::make_shared<std::atomic<bool>>(true);
     try {
-        captureThread = std::thread(&Device::grabFrame, this, captureRun);
+        std::lock_guard<std::mutex> lock(threadMutex);
+        captureThread = std::thread(&Device::grabFrame, this, run);
+        captureRun = std::move(run);
     } catch (const std::system_error&) {
         stream(false);
         return 0;
@@ -157,13 +160,22 @@ int Device::initCapture(bool keepFormat) {
 }
 
 void Device::_retireCaptureThread(bool join) {
-    if (!captureThread.joinable()) return;
-    if (join && captureThread.get_id() != std::this_thread::get_id()) {
-        captureThread.join();
+    // Taken out under the lock: the hot-plug handler may close on the acquisition thread while
+    // the application closes too, and only one of them may let go of the thread.
+    std::thread thread;
+    std::shared_ptr<std::atomic<bool>> run;
+    {
+        std::lock_guard<std::mutex> lock(threadMutex);
+        thread = std::move(captureThread);
+        run = std::move(captureRun);
+    }
+    if (!thread.joinable()) return;
+    if (join && thread.get_id() != std::this_thread::get_id()) {
+        thread.join();
         return;
     }
-    captureRun->store(false);
-    captureThread.detach();
+    run->store(false);
+    thread.detach();
 }
 
 int Device::deinitCapture() {

@@ -36,7 +36,13 @@ Device::~Device() {
     try {
         _shutdown();
     } catch (...) {
-        // A destructor reports nothing; the logger is the only thing here that may throw.
+        // Only the logger throws (out of memory). A thread still held would end the process in
+        // std::thread's destructor: stop and let go of it.
+        streaming = false;
+        try {
+            _retireCaptureThread(true);
+        } catch (...) {
+        }
     }
 }
 

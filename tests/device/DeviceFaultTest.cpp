@@ -15,10 +15,10 @@ using Stall = VcamTest;
 
 // device.unplug: GONE-1 on /dev/video0, GONE-2 on /dev/video2, GONE-3 on /dev/video4.
 TEST_F(Unplug, NotifiesOnceAndStoppingAfterwardsNeitherStreamsOffNorJoins) {
-    Device device(0);
-    device.setDeviceIndex(2, "GONE-1");
     Recorder frames, events;  // the wrapper's events are recorded as 100 + event
     Gate release;
+    Device device(0);
+    device.setDeviceIndex(2, "GONE-1");
     device.registerFrameCallback(frames.callback());
     device.registerNotificationCallback([&](int event, int index) {
         events.add(event, index);
@@ -45,8 +45,8 @@ TEST_F(Unplug, NotifiesOnceAndStoppingAfterwardsNeitherStreamsOffNorJoins) {
 
 TEST_F(Unplug, TheWrapperMayCloseTheDeviceOnTheAcquisitionThread) {
     // No application handler: the empty slot is skipped.
-    Device device(1);
     Recorder closed;
+    Device device(1);
     device.registerWrapperNotificationCallback([&](int, int index) {
         const int result = device.closeDevice();
         closed.add(result, index);
@@ -61,11 +61,11 @@ TEST_F(Unplug, TheWrapperMayCloseTheDeviceOnTheAcquisitionThread) {
 }
 
 TEST_F(Unplug, TheDeviceMayBeDestroyedInItsOwnNotification) {
-    auto owned = std::make_unique<Device>(0);
     Gate callableGone;
+    Recorder seen;
+    auto owned = std::make_unique<Device>(0);
     // Opens the gate when the acquisition thread drops its last copy of the callback.
     std::shared_ptr<Gate> token(&callableGone, [](Gate* gate) { gate->open(); });
-    Recorder seen;
     owned->registerWrapperNotificationCallback([&owned, &seen, token](int event, int index) {
         owned.reset();
         seen.add(event, index);
@@ -82,9 +82,9 @@ TEST_F(Unplug, TheDeviceMayBeDestroyedInItsOwnNotification) {
 constexpr auto kTimeOut = 40s;
 
 TEST_F(Stall, NotifiesEachTimeOutUntilTheDepthRangeChanges) {
+    Recorder notes, frames;
     Device device(0);
     device.setDeviceIndex(5, "STALL");
-    Recorder notes, frames;
     device.registerNotificationCallback(notes.callback());
     device.registerFrameCallback(frames.callback());
     ASSERT_TRUE(device.open(nodeInfo("/dev/video0")));

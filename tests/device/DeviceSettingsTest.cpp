@@ -129,24 +129,6 @@ TEST_F(Settings, EachCallbackSlotTakesOneCallable) {
     EXPECT_EQ(calls, 0);
 }
 
-TEST_F(Settings, CloseRestoresTheDefaults) {
-    device.setTOFIRGain(50);
-    device.updateColorMap(10, 20, 2);
-    device.setFlyingPixelFilter(1);
-    device.setFilterType(1, true);
-    device.setAvgRegion(AvgRegion_Point);
-    frame.calibValidFlags = 0xFFF;
-    EXPECT_EQ(device.closeDevice(), 1);
-    EXPECT_EQ(frame.irGain.load(), 16);
-    EXPECT_EQ(frame.colorMapType.load(), 4);
-    EXPECT_EQ(frame.depthMax.load(), 0);
-    EXPECT_EQ(frame.processingFlags.load(), TalvoroFrame::kDefaultFlag);
-    EXPECT_EQ(frame.filterFlags.load(), 0);
-    EXPECT_EQ(frame.calibValidFlags.load(), 0);
-    EXPECT_EQ(frame.avgRegionMode.load(), 0u);
-    EXPECT_FALSE(frame.hasHistory());
-}
-
 // ---- A device that never streamed ---------------------------------------------------------
 
 TEST_F(Settings, IdleDeviceStopsAndClosesHarmlessly) {

@@ -31,8 +31,8 @@ class Stream : public VcamTest {
 };
 
 TEST_F(Stream, OpensStreamsAndClosesRepeatedly) {
+    Recorder frames;  // outlives the device, whose thread calls it
     Device device(0);
-    Recorder frames;
     ASSERT_EQ(device.setDeviceIndex(7, "SEVEN"), Ok);
     ASSERT_EQ(device.registerFrameCallback(frames.callback()), Ok);
     for (int cycle = 0; cycle < 3; ++cycle) {
@@ -138,8 +138,8 @@ TEST_F(Stream, FormatChangesKeepTheDriversSizeButNeedItsPixelFormat) {
 
 TEST_F(Stream, PartialFramesAreDroppedSilently) {
     ASSERT_TRUE(talvoro_vcam::injectFault(kSerial, "short:1"));
+    Recorder frames;  // outlives the device, whose thread calls it
     Device device(0);
-    Recorder frames;
     device.registerFrameCallback(frames.callback());
     const auto before = counters(kSerial);
     ASSERT_TRUE(device.open(nodeInfo(kNode)));
@@ -153,6 +153,12 @@ TEST_F(Stream, PartialFramesAreDroppedSilently) {
 
 TEST_F(Stream, PollingTimesOutOnlyBeforeTheFirstFrame) {
     ASSERT_TRUE(talvoro_vcam::injectFault(kSerial, "stall"));
+    // Frames filled but never dequeued before earlier streams stopped.
+    const auto unfetched = [] {
+        const auto c = counters(kSerial);
+        return c.produced - c.dequeued;
+    };
+    const auto leftOver = unfetched();
     Device device(0);
     ASSERT_TRUE(device.open(nodeInfo(kNode)));
     const auto start = std::chrono::steady_clock::now();
@@ -162,6 +168,7 @@ TEST_F(Stream, PollingTimesOutOnlyBeforeTheFirstFrame) {
     talvoro_vcam::clearFault(kSerial, "stall");
     ASSERT_EQ(fetchFrame(device), Ok);
     ASSERT_TRUE(talvoro_vcam::injectFault(kSerial, "stall"));
+    ASSERT_TRUE(eventually([&] { return unfetched() == leftOver; }));
     // The last frame is processed again, and counted once.
     EXPECT_EQ(device.getframe(), Ok);
     const uint32_t counted = device.processedFrames();
@@ -192,8 +199,8 @@ TEST_F(Stream, SurvivesInterruptedSystemCalls) {
 
 TEST_F(Stream, AFrameCallbackMayChangeTheFormatOrDestroyTheDevice) {
     // The format change stops the run from its own acquisition thread, which cannot join itself.
+    Recorder frames;  // outlives the device, whose thread calls it
     Device device(0);
-    Recorder frames;
     device.registerFrameCallback([&](int event, int index) {
         if (frames.size() == 2) device.setFormat(640, 960, 1);
         frames.add(event, index);
@@ -206,8 +213,8 @@ TEST_F(Stream, AFrameCallbackMayChangeTheFormatOrDestroyTheDevice) {
     EXPECT_EQ(device.closeDevice(), 1);
 
     // The destructor run by the callback detaches the thread, which then leaves it alone.
-    auto owned = std::make_unique<Device>(0);
     Gate destroyed;
+    auto owned = std::make_unique<Device>(0);
     owned->registerFrameCallback([&](int, int) {
         owned.reset();
         destroyed.open();
@@ -259,8 +266,8 @@ TEST_F(Ladder, MoreThanAskedAreAllMappedAndQueued) {
 
 // device.lossless: 30 frames/s; the application fetches every frame it is told of.
 TEST_F(Stream, LosesNoFrameOfThreeHundredWhileTheApplicationKeepsUp) {
+    Recorder frames;  // outlives the device, whose thread calls it
     Device device(0);
-    Recorder frames;
     device.registerFrameCallback(frames.callback());
     const auto before = counters(kSerial);
     ASSERT_TRUE(device.open(nodeInfo(kNode)));

@@ -50,11 +50,10 @@ class Recorder {
     Talvoro::DeviceCallback callback() {
         return [this](int event, int index) { add(event, index); };
     }
+    // Notifies under the lock: a waiter that returns may destroy the recorder at once.
     void add(int event, int index) {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            events_.emplace_back(event, index);
-        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        events_.emplace_back(event, index);
         changed_.notify_all();
     }
     std::vector<Event> events() const {
@@ -81,10 +80,8 @@ class Recorder {
 class Gate {
   public:
     void open() {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            open_ = true;
-        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        open_ = true;
         cond_.notify_all();
     }
     bool wait(std::chrono::milliseconds timeout = kPatience) {
