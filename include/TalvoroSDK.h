@@ -348,8 +348,9 @@ TALVORO_API Result GetDeviceListInfo(uint32_t count, DeviceInfo* list);
 /**
  * Describes the connected camera at `index` (device order, as GetDeviceListInfo). Returns Ok;
  * NotInitialized; NoDeviceConnected; InvalidDeviceIndex when index exceeds the number of
- * connected cameras; an index equal to that number passes this check and then normally fails
- * with InvalidDeviceIndex or OperationFailed; InvalidValue for a null info.
+ * connected cameras; InvalidValue for a null info. An index equal to that number passes the
+ * check and its answer means nothing: it may fail (OperationFailed) or describe whichever
+ * camera has that number as its /dev/video node.
  */
 TALVORO_API Result GetDeviceInfo(uint32_t index, DeviceInfo* info);
 
@@ -442,8 +443,9 @@ TALVORO_API Result WriteTOFPulseTuneSettings47Ohm(DeviceHandle handle, int size,
 
 /**
  * The calibration read when the camera was opened. A set (plain or HD) is filled only when its
- * three blocks carried it completely, with camera matrices 3x3, five distortion coefficients,
- * a 3x3 rotation and a translation of three values; fields of a missing set are zero.
+ * three blocks carried it completely (camera matrices 3x3, five distortion coefficients, a 3x3
+ * rotation, a translation of three values) and the validity flags of all three name it (0 or 2
+ * for the plain set, 1 or 2 for the HD set); fields of a missing set are zero.
  * Returns Ok; CalibrationDataNotFound when the calibration could not be loaded at open (the
  * record is left untouched); InvalidValue for a null params.
  */
@@ -455,7 +457,9 @@ TALVORO_API Result GetDeviceCalibrationParams(DeviceHandle handle, CalibrationPa
  * Switches the camera to `mode`: programs its frame mode and renegotiates the video format
  * (modes 4 and 5 also set the colour exposure to automatic and the orientation to normal; a
  * failure there is only logged). Mode 1, or a value above 9, only records the mode: the camera
- * keeps streaming as it was and no images are produced. Setting the current mode does nothing.
+ * keeps streaming as it was and no images are produced. Setting the current mode does nothing;
+ * the current mode is the one GetDataMode reports, so after mode 1 a switch back to the mode
+ * the camera still streams does nothing either: go through another mode.
  * Returns Ok (also when the current mode cannot be read: nothing changes then); the camera's
  * code when it refuses the frame mode (the mode is unchanged); SysCallFail when the video
  * format cannot be set.
@@ -493,8 +497,9 @@ TALVORO_API Result GetNextFrame(DeviceHandle handle);
 /**
  * One image of the last processed frame (see FrameType); frame->frame_data points into the
  * library and stays valid until the next GetNextFrame on this camera. Returns Ok;
- * InvalidFrameType when the data mode does not produce the type; TimeoutError when a newer
- * frame was captured but not processed yet; InvalidValue for a null frame.
+ * InvalidFrameType when the data mode does not produce the type; TimeoutError when a frame
+ * captured in a later second than the processed one has arrived since (call GetNextFrame
+ * again); InvalidValue for a null frame.
  */
 TALVORO_API Result GetToFFrame(DeviceHandle handle, FrameType type, ToFFrame* frame);
 
