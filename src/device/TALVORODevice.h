@@ -3,6 +3,11 @@
 // images. The API layer reaches a camera's Device only through this interface.
 //
 // Unless noted, operations that return a Result also store it in TALVOROError::cErrorNo.
+//
+// Threads: callbacks run on the camera's acquisition thread, without any Device lock held; they
+// may call back into the Device, close it or destroy it. Starting and stopping capture (open,
+// initCapture, setFormat, deinitCapture, closeDevice) is not meant for two threads at once,
+// except closeDevice from the hot-plug handler while the application closes too.
 #ifndef TALVORO_DEVICE_TALVORO_DEVICE_H
 #define TALVORO_DEVICE_TALVORO_DEVICE_H
 
@@ -24,13 +29,18 @@ class TALVORODevice {
     virtual ~TALVORODevice() = default;
 
     // Frames per second processed by getframe, re-estimated at most once per elapsed second of
-    // the caller's polling; the previous estimate in between.
+    // the caller's polling (on the steady clock; the first call starts the measurement and
+    // answers 0); the previous estimate in between.
     virtual unsigned int getFramesPerSecond() = 0;
     // Opens info.devicePath, checks that it captures video and starts streaming in the driver's
-    // current format. true when open and capturing; after false the caller must closeDevice().
+    // current format. true when open and capturing; after false the caller must closeDevice()
+    // (a node that opened but is no capture node stays open until then). On an open Device the
+    // running capture is stopped and the node closed first.
     virtual bool open(DeviceInfo info) = 0;
     // Starts a capture run: format (the driver's when keepFormat, else the one set by
-    // setFormat), buffers, queueing, streaming, acquisition thread. 1, or 0 on failure.
+    // setFormat), buffers, queueing, streaming, acquisition thread. 1, or 0 on failure and
+    // while a run is still streaming. After an open the FourCC field holds the format code
+    // (0 or 1) that getFormat wrote, until the next setFormat with code 0 or 1.
     virtual int initCapture(bool keepFormat) = 0;
     // Stops, changes the format (code 0 "UYVY", 1 "Y16 "; another code keeps the previous
     // FourCC) and restarts. The result of the restart: 1, or 0 on failure.
@@ -39,23 +49,31 @@ class TALVORODevice {
     // FourCC). 1, or 0 when VIDIOC_G_FMT fails.
     virtual int getFormat(unsigned int* width, unsigned int* height, unsigned int* formatCode) = 0;
     // Stops a capture run: streaming off, thread joined, buffers released. 1, or 0 when the
-    // stop itself fails.
+    // stop itself fails. After the stream was lost (the thread has stopped on its own) it issues
+    // no VIDIOC_STREAMOFF and does not wait for the thread: it only releases the buffers. It
+    // leaves the processor's averages due, so a selected region is averaged again from the
+    // next run's first frame.
     virtual int deinitCapture() = 0;
     // Stops capture, closes the node and resets the processing settings. Always 1.
     virtual int closeDevice() = 0;
-    // Waits for (when no frame callback is registered, up to 200 ms) and processes the newest
-    // frame. 1; -17 when no frame ever arrived; -18 before any capture buffer exists; -20 when
-    // the frame cannot be processed.
+    // Processes the newest frame. Without a frame callback it first waits up to 200 ms unless
+    // a frame arrived since the last fetch; after the first frame of a run it goes on when the
+    // wait times out, and processes the last frame again (counted once by the frame rate).
+    // With a frame callback it never waits. 1; -17 when no frame arrived yet; -18 while no
+    // capture buffer exists; -20 when the frame cannot be processed.
     virtual Result getframe() = 0;
     // The frame callback, called on the acquisition thread with (1, device index) after every
-    // frame. 1, or -21 (keeping the old one) when one is registered already.
+    // complete frame. 1, or -21 (keeping the old one) when one is registered already. An empty
+    // function leaves the slot free; there is no way to unregister. What a callback throws is
+    // dropped.
     virtual Result registerFrameCallback(DeviceCallback callback) = 0;
-    // One processed image; -3 for a type the data mode does not produce, -17 when a newer frame
-    // is captured but not processed yet.
+    // One processed image; -3 for a type the data mode does not produce, -17 (cErrorNo
+    // untouched) when a newer frame is captured but not processed yet.
     virtual Result getToFFrame(FrameType type, ToFFrame* frame) = 0;
     // Every image of the data mode at once (entries not produced are cleared). 1 or -17.
     virtual Result getFrames(Frames* frames) = 0;
-    // Prepares the frame processor for a data mode. 1 (cErrorNo untouched).
+    // Prepares the frame processor for a data mode. 1, or -24 when memory runs out (cErrorNo
+    // untouched).
     virtual Result initFrame(DataMode mode) = 0;
     // Computes the planarization table and centres the averaging point. 1.
     virtual Result createThetaMat() = 0;
@@ -65,7 +83,7 @@ class TALVORODevice {
 
     // Processing settings (the camera itself is not involved).
     virtual Result setTOFIRGain(unsigned short gain) = 0;      // 1..100, else -13
-    virtual Result getTOFIRGain(unsigned short* gain) = 0;     // 1
+    virtual Result getTOFIRGain(unsigned short* gain) = 0;     // 1; -13 for a null pointer
     virtual Result setAvgRegion(AvgRegion region) = 0;         // toggles; 1
     virtual int setFilterType(int type, bool on) = 0;          // 1, or 0 for a type not 0..2
     virtual Result setDepthPos(DepthPtr position) = 0;         // 1
@@ -74,12 +92,14 @@ class TALVORODevice {
     virtual Result updateAvgXandY(int width, int height) = 0;  // 4..600 x 4..400, else -24
     virtual Result updateColorMap(int min, int max, int colormap) = 0;  // 1
     virtual Result setAvgIRDisplay(unsigned char on) = 0;               // 1
-    // Depth average and spread, IR mean and spread at the averaging point; 1.
+    // Depth average and spread, IR mean and spread at the averaging point (the depth values 0
+    // in data mode 3, the IR values 0 in mode 2), then cleared; 1, or -13 for a null pointer.
     virtual Result getDepthIRValues(int* depthAverage, int* depthSpread, int* irMean,
                                     int* irSpread) = 0;
 
     // Notification callback of the application: (0, index) on a 10 s capture time-out while
-    // time-out notifications are on, (1, index) when the stream is lost. 1 or -21.
+    // time-out notifications are on, (1, index) once when the stream is lost (not after a
+    // deliberate stop). 1 or -21; empty slots are never called.
     virtual Result registerNotificationCallback(DeviceCallback callback) = 0;
     // The API layer's own handler for a lost stream, called right after the application's.
     virtual Result registerWrapperNotificationCallback(DeviceCallback callback) = 0;
@@ -95,9 +115,11 @@ class TALVORODevice {
     virtual Result setFlyingPixelFilter(int on) = 0;  // 1
     virtual Result setPositions(std::vector<DepthPtr> positions, unsigned char unused) = 0;
 
-    // -22 (CameraAlreadyOpen) while the node is open, -7 (CameraNotOpened) when not.
+    // -22 (CameraAlreadyOpen) while the node is open, -7 (CameraNotOpened) when not. cErrorNo
+    // untouched.
     virtual Result isDeviceOpen() = 0;
-    // The camera's registry position and label, printed in log lines and passed to callbacks.
+    // The camera's registry position and label, printed in log lines and passed to callbacks
+    // (the index); the frame processor gets both too. 1 (cErrorNo untouched).
     virtual Result setDeviceIndex(unsigned int index, std::string label) = 0;
 };
 

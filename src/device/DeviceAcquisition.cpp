@@ -1,0 +1,197 @@
+// Device: the acquisition thread, fetching and processing frames, callbacks and the frame rate.
+#include <poll.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <ctime>
+
+#include "common/Eintr.h"
+#include "common/Xioctl.h"
+#include "device/Device.h"
+#include "log/TALVOROError.h"
+
+namespace Talvoro {
+
+namespace {
+
+constexpr int kSelectTimeoutMs = 10000;
+constexpr std::chrono::milliseconds kFrameWait{200};
+
+}  // namespace
+
+void Device::grabFrame(std::shared_ptr<std::atomic<bool>> run) {
+    while (run->load() && streaming) {
+        ++loopCount;
+        bool streamEnded = false;
+        const bool copied = read_frame_v4l2(&streamEnded);
+        // After a notification the Device may be closed, or gone: touch nothing.
+        if (streamEnded || !run->load()) return;
+        lastReadOk = copied;
+        if (copied) invoke(frameCallback.get(), 1, static_cast<int>(deviceIndex.load()));
+    }
+}
+
+bool Device::wait_for_frame() {
+    // poll rather than select: a descriptor numbered above FD_SETSIZE must not overflow an
+    // fd_set. An error or hang-up on the node counts as readable, as select reports it.
+    pollfd node{fd.get(), POLLIN, 0};
+    const int ready = retryOnEintr([&] { return ::poll(&node, 1, kSelectTimeoutMs); });
+    if (ready > 0) return true;
+    if (ready < 0) return false;
+    _log(7, "\nTalvoroSDK:select timeout ");
+    if (timeoutNotify) invoke(notificationCallback.get(), 0, static_cast<int>(deviceIndex.load()));
+    return false;
+}
+
+bool Device::read_frame_v4l2(bool* streamEnded) {
+    *streamEnded = false;
+    if (!wait_for_frame()) return false;
+
+    v4l2_buffer buffer = _bufferRecord(0);
+    if (xioctl(fd.get(), VIDIOC_DQBUF, &buffer) == -1) {
+        // Everything the notifications need is read before streaming is cleared: from then on
+        // deinitCapture releases this run without waiting for the thread.
+        const bool deliberate = stopRequested.exchange(false);
+        const int index = static_cast<int>(deviceIndex.load());
+        const auto application = notificationCallback.get();
+        const auto wrapper = wrapperNotificationCallback.get();
+        lastReadOk = false;
+        *streamEnded = true;
+        streaming = false;
+        if (!deliberate) {
+            invoke(application, 1, index);
+            invoke(wrapper, 1, index);
+        }
+        return false;
+    }
+    if (buffer.index >= buffers.size()) return false;  // not one of ours: nothing to give back
+
+    v4l2_buffer requeue = _bufferRecord(buffer.index);
+    if (buffer.bytesused < frameSize) {
+        // Incomplete: back to the driver, silently.
+        xioctl(fd.get(), VIDIOC_QBUF, &requeue);
+        return false;
+    }
+
+    const MemoryMapping& mapping = buffers[buffer.index];
+    {
+        std::lock_guard<std::mutex> lock(frameMutex);
+        if (frameBuffer) {
+            const uint64_t bytes =
+                std::min<uint64_t>({buffer.bytesused, frameSize, mapping.length()});
+            std::memcpy(frameBuffer.get(), mapping.start(), bytes);
+            newFrame = true;
+        }
+    }
+    // Stamped before the frame is announced, so that whoever processes it publishes this time.
+    frameProcessor->captureTimestamp = static_cast<int64_t>(time(nullptr));
+    if (frameCallback.empty()) {
+        frameSignalled = true;
+        {
+            std::lock_guard<std::mutex> lock(waitMutex);
+            ++signalledFrames;
+        }
+        frameCond.notify_all();
+    }
+    if (xioctl(fd.get(), VIDIOC_QBUF, &requeue) == -1) {
+        // The missing parenthesis and the index after "errno=" belong to this line.
+        _log(7, "\nTalvoroSDK:VIDEOIO(Device: failed VIDIOC_QBUF errno= ");
+    }
+    return true;
+}
+
+Result Device::getframe() {
+    if (frameCallback.empty()) {
+        // Polling: wait up to 200 ms unless a frame arrived since the last fetch. A wait that
+        // ends early for any reason counts as a wake-up.
+        std::unique_lock<std::mutex> lock(waitMutex);
+        if (signalledFrames == fetchedFrames) {
+            const auto waitDeadline = std::chrono::steady_clock::now() + kFrameWait;
+            if (frameCond.wait_until(lock, waitDeadline) == std::cv_status::timeout &&
+                !frameSignalled)
+                return setError(TimeoutError);
+        }
+        fetchedFrames = signalledFrames;
+    }
+
+    std::lock_guard<std::mutex> processing(processMutex);
+    int setup = 0;
+    bool fresh = false;
+    {
+        std::lock_guard<std::mutex> lock(frameMutex);
+        if (!frameBuffer) return setError(InvalidFrameBuffer);
+        const int size = static_cast<int>(std::min<uint64_t>(frameSize, INT_MAX));
+        setup = frameProcessor->setupFrame(frameBuffer.get(), size);
+        fresh = std::exchange(newFrame, false);
+    }
+    const int processed = frameProcessor->processFrame();
+    if (processed == 1) {
+        _log(3, "\nTalvoroSDK:Process Frame success ");
+        if (setup == 1) {
+            if (fresh) ++frameCount;
+            return setError(Ok);
+        }
+    } else {
+        _log(3, "\nTalvoroSDK:Process Frame failed ");
+    }
+    if (fresh) {
+        // Still not counted: a later successful fetch of it counts it.
+        std::lock_guard<std::mutex> lock(frameMutex);
+        newFrame = true;
+    }
+    return setError(FrameSeparationFailed);
+}
+
+Result Device::getToFFrame(FrameType type, ToFFrame* frame) {
+    return static_cast<Result>(frameProcessor->getToFFrame(type, frame));
+}
+
+Result Device::getFrames(Frames* frames) {
+    TalvoroFrame& processor = *frameProcessor;
+    if (processor.timestamp != processor.captureTimestamp) return setError(TimeoutError);
+    processor.fillFrames(frames);
+    if (processor.timestamp != processor.captureTimestamp) return setError(TimeoutError);
+    return setError(Ok);
+}
+
+unsigned int Device::getFramesPerSecond() {
+    std::lock_guard<std::mutex> lock(fpsMutex);
+    const auto now = std::chrono::steady_clock::now();
+    const uint32_t count = frameCount;
+    // Before the first frame, and at the first call, the measurement starts now.
+    if (count == 0 || !fpsTimeSet) {
+        fpsTime = now;
+        fpsTimeSet = true;
+    }
+    const auto elapsed = std::chrono::duration_cast<std::chrono::microseconds>(now - fpsTime);
+    const uint64_t seconds = static_cast<uint64_t>(elapsed.count()) / 1000000;
+    const uint64_t micros = static_cast<uint64_t>(elapsed.count()) % 1000000;
+    if (seconds == 0) return lastFps;
+    // Frames per hundredth of a second, in 64 bits: neither term can overflow or be 0.
+    const uint64_t frames = static_cast<uint32_t>(count - lastFrameCount);
+    const uint64_t fps = frames * 100 / (micros / 10000 + seconds * 100);
+    fpsTime = now;
+    lastFrameCount = count;
+    lastFps = static_cast<uint32_t>(std::min<uint64_t>(fps, UINT32_MAX));
+    return lastFps;
+}
+
+Result Device::registerFrameCallback(DeviceCallback callback) {
+    return setError(frameCallback.set(std::move(callback)));
+}
+
+Result Device::registerNotificationCallback(DeviceCallback callback) {
+    return setError(notificationCallback.set(std::move(callback)));
+}
+
+Result Device::registerWrapperNotificationCallback(DeviceCallback callback) {
+    return setError(wrapperNotificationCallback.set(std::move(callback)));
+}
+
+uint64_t Device::capturedFrameSize() const {
+    std::lock_guard<std::mutex> lock(frameMutex);
+    return frameSize;
+}
+
+}  // namespace Talvoro

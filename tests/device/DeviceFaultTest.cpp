@@ -1,0 +1,118 @@
+// The Device when the camera goes away or stops sending.
+#include <memory>
+
+#include <gtest/gtest.h>
+
+#include "DeviceTestSupport.h"
+
+using namespace Talvoro;
+using namespace devtest;
+
+namespace {
+
+using Unplug = VcamTest;
+using Stall = VcamTest;
+
+// device.unplug: GONE-1 on /dev/video0, GONE-2 on /dev/video2, GONE-3 on /dev/video4.
+TEST_F(Unplug, NotifiesOnceAndStoppingAfterwardsNeitherStreamsOffNorJoins) {
+    Recorder frames, events;  // the wrapper's events are recorded as 100 + event
+    Gate release;
+    Device device(0);
+    device.setDeviceIndex(2, "GONE-1");
+    device.registerFrameCallback(frames.callback());
+    device.registerNotificationCallback([&](int event, int index) {
+        events.add(event, index);
+        release.wait();
+    });
+    device.registerWrapperNotificationCallback(
+        [&](int event, int index) { events.add(100 + event, index); });
+    ASSERT_TRUE(device.open(nodeInfo("/dev/video0")));
+    ASSERT_TRUE(frames.waitFor(3));
+
+    ASSERT_TRUE(talvoro_vcam::injectFault("GONE-1", "unplug"));
+    ASSERT_TRUE(events.waitFor(1));
+    // The acquisition thread is still inside the application's callback. A STREAMOFF would
+    // fail on the gone camera (and the stop with it); a join would wait for ever.
+    EXPECT_FALSE(device.isStreaming());
+    EXPECT_EQ(device.deinitCapture(), 1);
+    EXPECT_EQ(device.closeDevice(), 1);
+    EXPECT_EQ(device.isDeviceOpen(), CameraNotOpened);
+    release.open();
+    ASSERT_TRUE(events.waitFor(2));
+    EXPECT_FALSE(device.open(nodeInfo("/dev/video0")));
+    EXPECT_EQ(events.events(), (std::vector<Event>{{1, 2}, {101, 2}}));
+}
+
+TEST_F(Unplug, TheWrapperMayCloseTheDeviceOnTheAcquisitionThread) {
+    // No application handler: the empty slot is skipped.
+    Recorder closed;
+    Device device(1);
+    device.registerWrapperNotificationCallback([&](int, int index) {
+        const int result = device.closeDevice();
+        closed.add(result, index);
+        closed.add(device.isDeviceOpen(), index);
+    });
+    ASSERT_TRUE(device.open(nodeInfo("/dev/video2")));
+    ASSERT_EQ(fetchFrame(device), Ok);
+    ASSERT_TRUE(talvoro_vcam::injectFault("GONE-2", "unplug"));
+    ASSERT_TRUE(closed.waitFor(2));
+    EXPECT_EQ(closed.events(), (std::vector<Event>{{1, 1}, {CameraNotOpened, 1}}));
+    EXPECT_EQ(device.getframe(), TimeoutError);
+}
+
+TEST_F(Unplug, TheDeviceMayBeDestroyedInItsOwnNotification) {
+    Gate callableGone;
+    Recorder seen;
+    auto owned = std::make_unique<Device>(0);
+    // Opens the gate when the acquisition thread drops its last copy of the callback.
+    std::shared_ptr<Gate> token(&callableGone, [](Gate* gate) { gate->open(); });
+    owned->registerWrapperNotificationCallback([&owned, &seen, token](int event, int index) {
+        owned.reset();
+        seen.add(event, index);
+    });
+    token.reset();
+    ASSERT_TRUE(owned->open(nodeInfo("/dev/video4")));
+    ASSERT_TRUE(talvoro_vcam::injectFault("GONE-3", "unplug"));
+    ASSERT_TRUE(callableGone.wait());
+    EXPECT_EQ(owned, nullptr);
+    EXPECT_EQ(seen.events(), (std::vector<Event>{{1, 0}}));
+}
+
+// device.stall_*: STALL on /dev/video0. A time-out takes 10 s.
+constexpr auto kTimeOut = 40s;
+
+TEST_F(Stall, NotifiesEachTimeOutUntilTheDepthRangeChanges) {
+    Recorder notes, frames;
+    Device device(0);
+    device.setDeviceIndex(5, "STALL");
+    device.registerNotificationCallback(notes.callback());
+    device.registerFrameCallback(frames.callback());
+    ASSERT_TRUE(device.open(nodeInfo("/dev/video0")));
+    ASSERT_TRUE(frames.waitFor(2));
+
+    ASSERT_TRUE(talvoro_vcam::injectFault("STALL", "stall"));
+    ASSERT_TRUE(notes.waitFor(1, kTimeOut));
+    EXPECT_EQ(notes.events()[0], Event(0, 5));
+    EXPECT_EQ(log.count("\nTalvoroSDK:select timeout 5   STALL\n"), 1u);
+
+    // Any range, even one the processor ignores, ends the notifications for good.
+    EXPECT_EQ(device.updateDepthRange(5), Ok);
+    ASSERT_TRUE(eventually([&] { return log.count("select timeout") >= 2; }, kTimeOut));
+    EXPECT_EQ(notes.size(), 1u);
+
+    // The loop never gives up by itself.
+    const size_t before = frames.size();
+    talvoro_vcam::clearFault("STALL", "stall");
+    EXPECT_TRUE(frames.waitFor(before + 1));
+}
+
+TEST_F(Stall, WithoutNotificationCallbackOnlyLogs) {
+    ASSERT_TRUE(talvoro_vcam::injectFault("STALL", "stall"));
+    Device device(0);
+    ASSERT_TRUE(device.open(nodeInfo("/dev/video0")));
+    ASSERT_TRUE(eventually([&] { return log.count("select timeout") >= 1; }, kTimeOut));
+    talvoro_vcam::clearFault("STALL", "stall");
+    EXPECT_EQ(fetchFrame(device), Ok);
+}
+
+}  // namespace
