@@ -294,6 +294,433 @@ TALVORO_API Result SetLogLevel(int level);
  */
 TALVORO_API Result SetLogging(unsigned int mode);
 
+/* ---- Library lifecycle and the camera list ----
+ *
+ * The library keeps one registry of the cameras it has found, in the order it found them; a
+ * camera's position there is its device index, the number passed to the callbacks. Cameras are
+ * added by Initialize and GetDeviceCount when more are connected than registered, removed when
+ * their stream is lost (unplugged) and all at once by DeInitialize.
+ *
+ * Threading: every function may be called from any thread. The registry has one lock, held
+ * only for bookkeeping, never while a camera is talked to. Calls for ONE camera must not run on
+ * two threads at once (its control channels have one command buffer each); different cameras
+ * are independent. Opening and closing are serialised across all cameras (they share the
+ * calibration files); called from a callback while another thread opens or closes a camera,
+ * OpenDevice, CloseDevice and DeInitialize wait at most 2 s and then return OperationFailed, since
+ * that thread may be waiting for the callback to return. A caught exception (out of memory, an
+ * OpenCV failure) ends any call with OperationFailed and a level-7 log line; nothing is thrown to
+ * the caller.
+ */
+
+/**
+ * Scans for cameras and registers every one not registered yet (as GetDeviceCount does).
+ * Returns Ok, also when the library is already initialised (then nothing is rescanned), or
+ * NotInitialized when udev is unavailable or a video capture node that is not on USB is present.
+ */
+TALVORO_API Result Initialize();
+
+/**
+ * Forgets every camera: each is closed if open and its objects are released. Returns Ok, also
+ * when the library is not initialised (nothing happens then).
+ */
+TALVORO_API Result DeInitialize();
+
+/**
+ * Rescans and stores in *count the number of cameras connected now. When more are connected
+ * than registered, the new ones are registered (closed, data mode 4); cameras that went away
+ * stay registered until their stream is lost. With two or more registered cameras a rescan that
+ * finds a new one may register an already known camera a second time; that entry is never used,
+ * since handles resolve to a camera's first entry.
+ * Called before Initialize it initialises the library the same way. Returns Ok; NotInitialized
+ * when udev is unavailable; NoDeviceConnected when no camera is connected (*count is left);
+ * InvalidValue for a null count.
+ */
+TALVORO_API Result GetDeviceCount(uint32_t* count);
+
+/**
+ * Fills list[0..count-1] with the connected cameras in device order (by video node number).
+ * Returns Ok; NotInitialized; NoDeviceConnected; InvalidDeviceIndex when count exceeds the
+ * connected cameras (count equal to them passes); OperationFailed when a camera cannot be
+ * described; InvalidValue for a null list.
+ */
+TALVORO_API Result GetDeviceListInfo(uint32_t count, DeviceInfo* list);
+
+/**
+ * Describes the connected camera at `index` (device order, as GetDeviceListInfo). Returns Ok;
+ * NotInitialized; NoDeviceConnected; InvalidDeviceIndex when index exceeds the number of
+ * connected cameras; InvalidValue for a null info. An index equal to that number passes the
+ * check and its answer means nothing: it may fail (OperationFailed) or describe whichever
+ * camera has that number as its /dev/video node.
+ */
+TALVORO_API Result GetDeviceInfo(uint32_t index, DeviceInfo* info);
+
+/** The library's version, 1.0.10. Returns Ok, or InvalidValue for a null argument. */
+TALVORO_API Result GetSDKVersion(uint8_t* major, uint8_t* minor, uint16_t* patch);
+
+/* ---- Opening and closing ----
+ *
+ * Per-camera calls take the camera's handle first. A handle that names no registered camera, or
+ * a camera that is not open, makes every per-camera call return CameraNotOpened unless a
+ * function says otherwise.
+ */
+
+/**
+ * Opens the camera described by `info` (from GetDeviceListInfo or GetDeviceInfo): its HID and
+ * UVC control channels and its video node, which starts streaming at once in the camera's
+ * current data mode. Reads the depth range and data mode, and the first time after registration
+ * or after a close, the calibration (written as "depth_intrinsic.yml", "rgb_intrinsic.yml" and
+ * "stereo_extrinsic.yml" into the working directory, overwriting them; missing or malformed
+ * calibration is only logged). Every step is logged at level 7.
+ * On Ok, *handle names the camera. Returns:
+ *  - InvalidNode: info.serialNo names no registered camera;
+ *  - CameraAlreadyOpen: the camera is open (nothing changes);
+ *  - NotInitialized; NoDeviceConnected / InvalidDeviceIndex: the camera is no longer connected;
+ *  - CameraNotOpened: a channel or the video node cannot be opened (all are closed again);
+ *  - Ok also when the depth range or data mode cannot be read after the channels opened: the
+ *    camera is then closed again although the call reports Ok (IsOpened tells);
+ *  - InvalidValue: null handle.
+ */
+TALVORO_API Result OpenDevice(DeviceInfo info, DeviceHandle* handle);
+
+/**
+ * Stops streaming and closes the video node, then the HID and the UVC channel. The callbacks
+ * registered for the camera stay registered. Returns Ok, or CameraNotOpened when the camera is
+ * unknown or not open.
+ */
+TALVORO_API Result CloseDevice(DeviceHandle handle);
+
+/**
+ * Whether the camera's video node is open. Returns CameraAlreadyOpen (-22) when open and
+ * CameraNotOpened (-7) when not; never Ok. InvalidDeviceIndex for a handle that names no
+ * registered camera.
+ */
+TALVORO_API Result IsOpened(DeviceHandle handle);
+
+/* ---- Calibration ----
+ *
+ * The camera stores three calibration blocks (OpenCV FileStorage YAML): depth intrinsics
+ * ("SCCM_D", "SCCD_D"), colour intrinsics ("SCCM_RGB", "SCCD_RGB") and the depth-to-colour
+ * extrinsics ("R", "T", translation in millimetres), each with an HD twin (keys ending "_HD")
+ * for the 1280x720 colour image of data mode 5. The raw block functions below talk to the camera
+ * directly: a size request ("Req") must be followed by its read with nothing in between.
+ */
+
+/**
+ * Validity flag of a block: type 0 colour intrinsics, 1 depth intrinsics, 2 extrinsics. *flag
+ * becomes Calib_VGA_Only, Calib_HD_Only or Calib_VGA_And_HD; a camera without the block leaves
+ * it. Returns Ok; GetValueFailed when refused; HID codes (HidWriteFail, HidReadFail,
+ * TimeoutError); InvalidValue for a null flag.
+ */
+TALVORO_API Result GetCalibrationDataValidFlag(DeviceHandle handle, uint8_t type,
+                                               CalibValidFlag* flag);
+
+/**
+ * Size requests: *size becomes the block's size in bytes. Returns Ok, GetValueFailed when the
+ * camera has no such block, HID codes, InvalidValue for a null size.
+ */
+TALVORO_API Result CalibReadReqDepthIntrinsic(DeviceHandle handle, int* size);
+TALVORO_API Result CalibReadReqRGBIntrinsic(DeviceHandle handle, int* size);
+TALVORO_API Result CalibReadReqExtrinsic(DeviceHandle handle, int* size);
+
+/**
+ * Reads *size bytes of the block last requested into data, which must hold *size bytes. Returns
+ * Ok; 0 (not a Result) for a size of 0, sending nothing; GetValueFailed when a chunk is refused;
+ * InvalidValue for a null pointer or a size outside 0..65535; HID codes.
+ */
+TALVORO_API Result CalibReadDepthIntrinsic(DeviceHandle handle, int* size, unsigned char* data);
+TALVORO_API Result CalibReadRGBIntrinsic(DeviceHandle handle, int* size, unsigned char* data);
+TALVORO_API Result CalibReadExtrinsic(DeviceHandle handle, int* size, unsigned char* data);
+
+/** Reserved: return UnknownError (-255) on an open camera and touch nothing. */
+TALVORO_API Result ReadReqTOFCalibrationData(DeviceHandle handle, int* size);
+TALVORO_API Result ReadTOFCalibrationData(DeviceHandle handle, int size, unsigned char* data);
+TALVORO_API Result WriteTOFCalibrationData(DeviceHandle handle, int size, unsigned char* data);
+TALVORO_API Result ReadReqTOFPulseTuneSettings47Ohm(DeviceHandle handle, int* size);
+TALVORO_API Result ReadTOFPulseTuneSettings47Ohm(DeviceHandle handle, int size,
+                                                 unsigned char* data);
+TALVORO_API Result WriteTOFPulseTuneSettings47Ohm(DeviceHandle handle, int size,
+                                                  unsigned char* data);
+
+/**
+ * The calibration read when the camera was opened. A set (plain or HD) is filled only when its
+ * three blocks carried it completely (camera matrices 3x3, five distortion coefficients, a 3x3
+ * rotation, a translation of three values) and the validity flags of all three name it (0 or 2
+ * for the plain set, 1 or 2 for the HD set); fields of a missing set are zero.
+ * Returns Ok; CalibrationDataNotFound when the calibration could not be loaded at open (the
+ * record is left untouched); InvalidValue for a null params.
+ */
+TALVORO_API Result GetDeviceCalibrationParams(DeviceHandle handle, CalibrationParams* params);
+
+/* ---- Data mode, depth range and frames ---- */
+
+/**
+ * Switches the camera to `mode`: programs its frame mode and renegotiates the video format
+ * (modes 4 and 5 also set the colour exposure to automatic and the orientation to normal; a
+ * failure there is only logged). Mode 1, or a value above 9, only records the mode: the camera
+ * keeps streaming as it was and no images are produced. Setting the current mode does nothing;
+ * the current mode is the one GetDataMode reports, so after mode 1 a switch back to the mode
+ * the camera still streams does nothing either: go through another mode.
+ * Returns Ok (also when the current mode cannot be read: nothing changes then); the camera's
+ * code when it refuses the frame mode (the mode is unchanged); SysCallFail when the video
+ * format cannot be set.
+ */
+TALVORO_API Result SetDataMode(DeviceHandle handle, DataMode mode);
+
+/**
+ * The data mode the camera streams, worked out from the negotiated format (and, for the ToF
+ * formats, from the camera's frame mode). A format that matches no data mode (for example
+ * colour at 800x600) leaves *mode untouched and still returns Ok. Returns Ok; OperationFailed
+ * when the format cannot be read; the camera's code when its frame mode cannot be read;
+ * InvalidValue for a null mode.
+ */
+TALVORO_API Result GetDataMode(DeviceHandle handle, DataMode* mode);
+
+/**
+ * Depth range: 0 near (up to about 4 m), 1 far (up to about 8 m). Setting the current range
+ * sends nothing. Returns Ok; NotSupportedInDataMode in the colour-only modes 6 to 9;
+ * InvalidValue for a range above 1; SysCallFail when the camera refuses.
+ */
+TALVORO_API Result SetDepthRange(DeviceHandle handle, uint16_t range);
+
+/** Reads the camera's depth range. Ok, SysCallFail, or InvalidValue for a null range. */
+TALVORO_API Result GetDepthRange(DeviceHandle handle, uint16_t* range);
+
+/**
+ * Takes the newest captured frame and processes it (filters, planarization, undistortion,
+ * mapping, colour map, averages as switched on). Without a frame callback it waits up to
+ * 200 ms for a new frame; with one it processes whatever frame is there. Call it from one
+ * thread per camera. Returns Ok; TimeoutError when no frame ever arrived; InvalidFrameBuffer
+ * when capture is not running; FrameSeparationFailed when the frame cannot be processed.
+ */
+TALVORO_API Result GetNextFrame(DeviceHandle handle);
+
+/**
+ * One image of the last processed frame (see FrameType); frame->frame_data points into the
+ * library and stays valid until the next GetNextFrame on this camera. Returns Ok;
+ * InvalidFrameType when the data mode does not produce the type; TimeoutError when a frame
+ * captured in a later second than the processed one has arrived since (call GetNextFrame
+ * again); InvalidValue for a null frame.
+ */
+TALVORO_API Result GetToFFrame(DeviceHandle handle, FrameType type, ToFFrame* frame);
+
+/** Every image of the last processed frame at once (see Frames). Ok, TimeoutError as for
+ *  GetToFFrame, or InvalidValue for a null frames. */
+TALVORO_API Result GetFrames(DeviceHandle handle, Frames* frames);
+
+/**
+ * Frames processed per second by GetNextFrame, re-estimated at most once per elapsed second
+ * of the caller's polling (the previous estimate in between). Returns the rate itself (0 or
+ * more), or CameraNotOpened (-7).
+ */
+TALVORO_API int GetFramesPerSecond(DeviceHandle handle);
+
+/**
+ * Registers the frame callback, called with (1, device index) on the camera's capture thread
+ * after every captured frame; it should return quickly and may call GetNextFrame. Only the first
+ * callback registered for a camera counts: the library keeps it, and may call it, until the
+ * camera is unregistered (DeInitialize or unplug), so whatever it refers to must live that long.
+ * Later ones and an unknown or closed camera are ignored. An empty function registers nothing.
+ * A callback may call the per-camera functions, CloseDevice included; DeInitialize called from a
+ * callback leaves the cameras streaming until the next call from an application thread.
+ */
+TALVORO_API void RegisterFrameCallback(DeviceHandle handle, std::function<void(int, int)> callback);
+
+/**
+ * Registers the notification callback, called on the camera's capture thread with (1, device
+ * index) when the stream is lost (camera unplugged); the camera is then closed and unregistered,
+ * and the cameras after it move up one device index. (A capture time-out, 10 s without a frame,
+ * would be reported as (0, device index), but opening a camera reads its depth range, which
+ * turns these reports into log lines for good.) Same registration rules as
+ * RegisterFrameCallback.
+ */
+TALVORO_API void RegisterNotificationCallback(DeviceHandle handle,
+                                              std::function<void(int, int)> callback);
+
+/* ---- Time-of-flight controls (any data mode unless noted) ---- */
+
+/** ToF exposure. The upper bound is 380 in near range and 850 in far range, as this library
+ *  last set or read the range (read at open): InvalidValue above it. SysCallFail when refused. */
+TALVORO_API Result SetTOFExposure(DeviceHandle handle, unsigned short exposure);
+TALVORO_API Result GetTOFExposure(DeviceHandle handle, unsigned short* exposure);
+
+/** Coring threshold, 1..65535 (0: InvalidValue). Modes with depth (0, 2, 4, 5), else
+ *  NotSupportedInDataMode. */
+TALVORO_API Result SetTOFCoring(DeviceHandle handle, unsigned short coring);
+TALVORO_API Result GetTOFCoring(DeviceHandle handle, unsigned short* coring);
+
+/** Reserved: return Ok and touch nothing. */
+TALVORO_API Result GetPulseConfig(DeviceHandle handle, unsigned short* a, unsigned short* b,
+                                  unsigned short* c, unsigned short* d, unsigned short* e,
+                                  unsigned short* f);
+TALVORO_API Result SetPulseConfig(DeviceHandle handle, unsigned short a, unsigned short b,
+                                  unsigned short c, unsigned short d, unsigned short e,
+                                  unsigned short f);
+
+/** Sensor register access is disabled: both return Ok on an open camera and do nothing
+ *  (*value is left). */
+TALVORO_API Result SetADIRegister(DeviceHandle handle, unsigned short address,
+                                  unsigned short value);
+TALVORO_API Result GetADIRegister(DeviceHandle handle, unsigned short address,
+                                  unsigned short* value);
+
+/* ---- Colour controls ----
+ * Reading needs a colour stream (modes 4 to 9), as do the setters unless noted: otherwise
+ * NotSupportedInDataMode. Values are the camera's to judge: a refused value gives
+ * SetValueFailed, a refused read GetValueFailed (GetAutoExposureROI, GetOrientation and
+ * GetFaceDetection report SetValueFailed), and HID failures HidWriteFail, HidReadFail or
+ * TimeoutError. Null pointers give InvalidValue.
+ */
+
+/**
+ * Standard colour-sensor controls by index: 0 brightness, 1 contrast, 2 saturation, 3 automatic
+ * white balance (0/1), 4 gamma, 5 gain, 6 power-line frequency (0 off, 1 50 Hz, 2 60 Hz),
+ * 7 white-balance temperature, 8 sharpness, 9 automatic exposure (0 auto, 1 manual, 3 aperture
+ * priority), 10 absolute exposure. GetUVCControl fills *prop (for 3 and 9 only control_id and
+ * cur_value). Ok, or GetValueFailed / SetValueFailed (also for an index above 10); the result is
+ * also stored as the last error (pError).
+ */
+TALVORO_API Result GetUVCControl(DeviceHandle handle, unsigned int controlId, UVCProp* prop);
+TALVORO_API Result SetUVCControl(DeviceHandle handle, unsigned int controlId, int value);
+
+/** Anti-flicker: 0 auto, 1 50 Hz, 2 60 Hz, 3 off. */
+TALVORO_API Result GetAntiFlickerDetection(DeviceHandle handle, unsigned char* value);
+TALVORO_API Result SetAntiFlickerDetection(DeviceHandle handle, unsigned char value);
+/** Scene mode: 0 normal, 1 macro. */
+TALVORO_API Result GetSceneMode(DeviceHandle handle, unsigned char* value);
+TALVORO_API Result SetSceneMode(DeviceHandle handle, unsigned char value);
+/** Special effect: 0 normal, 1 black and white, 2 greyscale, 3 negative, 4 sketch. */
+TALVORO_API Result GetSpecialEffect(DeviceHandle handle, unsigned char* value);
+TALVORO_API Result SetSpecialEffect(DeviceHandle handle, unsigned char value);
+/** Denoise strength, 0..15. */
+TALVORO_API Result GetDenoise(DeviceHandle handle, unsigned char* value);
+TALVORO_API Result SetDenoise(DeviceHandle handle, unsigned char value);
+
+/**
+ * Auto-exposure region: mode 0 centre, 1 full frame, 2 manual; in mode 2 the window (1..8) is
+ * centred at pixel (x, y) of a frameWidth x frameHeight image. The setter works only in the
+ * colour-only modes 6 to 9 (NotSupportedInDataMode otherwise); the getter in 4 to 9 (*window is
+ * written only in mode 2).
+ */
+TALVORO_API Result GetAutoExposureROI(DeviceHandle handle, unsigned char* mode,
+                                      unsigned char* window);
+TALVORO_API Result SetAutoExposureROI(DeviceHandle handle, unsigned char mode,
+                                      unsigned int frameWidth, unsigned int frameHeight,
+                                      unsigned int x, unsigned int y, unsigned char window);
+
+/** Orientation: 0 normal, 1 mirrored, 2 flipped, 3 both. Set only in modes 6 to 9, read in
+ *  4 to 9. */
+TALVORO_API Result GetOrientation(DeviceHandle handle, unsigned char* value);
+TALVORO_API Result SetOrientation(DeviceHandle handle, unsigned char value);
+
+/** Face detection on/off, embedding of the result in the frame, overlay (0 or 1 each). */
+TALVORO_API Result GetFaceDetection(DeviceHandle handle, unsigned char* detect,
+                                    unsigned char* embed, unsigned char* overlay);
+TALVORO_API Result SetFaceDetection(DeviceHandle handle, unsigned char detect, unsigned char embed,
+                                    unsigned char overlay);
+/** Smile detection on/off and embedding of the result (0 or 1 each). */
+TALVORO_API Result GetSmileDetection(DeviceHandle handle, unsigned char* detect,
+                                     unsigned char* embed);
+TALVORO_API Result SetSmileDetection(DeviceHandle handle, unsigned char detect,
+                                     unsigned char embed);
+/** Exposure compensation, 8000..1000000. */
+TALVORO_API Result GetExposureCompensation(DeviceHandle handle, unsigned int* value);
+TALVORO_API Result SetExposureCompensation(DeviceHandle handle, unsigned int value);
+/** Colour frame rate, 1..120. */
+TALVORO_API Result GetFrameRateCtrl(DeviceHandle handle, unsigned char* value);
+TALVORO_API Result SetFrameRateCtrl(DeviceHandle handle, unsigned char value);
+
+/* ---- Camera, IMU and board (any data mode) ---- */
+
+/** Restores the camera's HID settings (scene, effects, detection, ...) to their defaults. */
+TALVORO_API Result SetDefault(DeviceHandle handle);
+/** The camera's 64-bit unique ID. GetValueFailed when refused (*id untouched). */
+TALVORO_API Result GetUniqueID(DeviceHandle handle, unsigned long* id);
+/** Whether IMU samples are embedded in the frames (0 or 1). SetIMUEmbeddedData reports a
+ *  refusal as GetValueFailed. */
+TALVORO_API Result GetIMUEmbeddedData(DeviceHandle handle, unsigned char* value);
+TALVORO_API Result SetIMUEmbeddedData(DeviceHandle handle, unsigned char value);
+
+/** IMU configuration (see IMUCONFIG_TypeDef); it also sets the scales GetIMUValue applies.
+ *  GetIMUConfig presets every byte to 0xFF. GetValueFailed / SetValueFailed when refused. */
+TALVORO_API Result SetIMUConfig(DeviceHandle handle, IMUCONFIG_TypeDef config);
+TALVORO_API Result GetIMUConfig(DeviceHandle handle, IMUCONFIG_TypeDef* config);
+/**
+ * Starts IMU capture with IMU_UPDATE_MODE 1: Ok. Any other mode, or a refusal, stops it:
+ * SetValueFailed, with *control set to mode 2 and count 1.
+ */
+TALVORO_API Result ControlIMUCapture(DeviceHandle handle, IMUDATAINPUT_TypeDef* control);
+/**
+ * Reads at most one pending IMU sample into samples[0] (acceleration in mg, angular rate in
+ * degrees per second, per the configured ranges) after a pause of about 10 ms. Ok (also when
+ * the report read was no sample); HidReadFail when none is pending (capture not started);
+ * OperationFailed for a sample report without its status.
+ */
+TALVORO_API Result GetIMUValue(DeviceHandle handle, IMUDATAOUTPUT_TypeDef* samples);
+
+/** Board temperatures, the camera's raw 16-bit reading as a float (65535.0 on failure). */
+TALVORO_API Result GetBaseBoardTemperatureData(DeviceHandle handle, float* temperature);
+TALVORO_API Result GetLaserBoardTemperatureData(DeviceHandle handle, float* temperature);
+
+/* ---- Frame processing settings ----
+ * None of these talks to the camera; they take effect from the next processed frame, are
+ * reset by CloseDevice, and return NotSupportedInDataMode when the data mode lacks the image
+ * they act on: depth (modes 0, 2, 4, 5), IR (0, 3, 4, 5), depth or IR (0 to 5).
+ */
+
+/** IR gain 1..100 (default 16), modes with IR; InvalidValue outside. */
+TALVORO_API Result SetTOFIRGain(DeviceHandle handle, unsigned short gain);
+TALVORO_API Result GetTOFIRGain(DeviceHandle handle, unsigned short* gain);
+
+/**
+ * Toggles an averaging region (AvgRegion_Center or AvgRegion_Point; the two exclude each
+ * other, asking for the active one switches it off). Any data mode. Ok.
+ */
+TALVORO_API Result SetAvgRegion(DeviceHandle handle, AvgRegion region);
+/** The averaging window's width (4..600) and height (4..400); OperationFailed outside. */
+TALVORO_API Result UpdateAvgXandY(DeviceHandle handle, int width, int height);
+/** Draws IR averages on the IR image (non-zero on). Modes with IR. */
+TALVORO_API Result SetAvgIRDisplay(DeviceHandle handle, unsigned char on);
+/** Depth average and spread, IR mean and spread in the averaging window of the last frame;
+ *  modes without IR give 0 for IR and vice versa. Null pointers: InvalidValue. */
+TALVORO_API Result GetDepthIRValues(DeviceHandle handle, int* depthAverage, int* depthSpread,
+                                    int* irMean, int* irSpread);
+
+/** The point probed by AvgRegion_Point and marked by the cursor. Modes with depth. */
+TALVORO_API Result SetDepthPos(DeviceHandle handle, DepthPtr position);
+/** Cursor colour: 0 white, anything else black. Modes with depth. */
+TALVORO_API Result SetCursorColor(DeviceHandle handle, int color);
+/** Probe positions (copied); the second argument is unused. Any data mode; InvalidValue for a
+ *  null list. */
+TALVORO_API Result SetPositions(DeviceHandle handle, std::vector<DepthPtr>* positions,
+                                unsigned char unused);
+
+/**
+ * Depth filters, each on or off: type 0 spatial (median), 1 temporal (over the last frames),
+ * 2 edge-preserving (bilateral). Modes with depth. Returns Ok once the camera and mode allow it,
+ * also for an unknown type (which changes nothing).
+ */
+TALVORO_API Result SetFilterType(DeviceHandle handle, int type, bool on);
+/** Flying-pixel filter (non-zero on). Modes with depth. */
+TALVORO_API Result SetFlyingPixelFilter(DeviceHandle handle, int on);
+/**
+ * Planarization: depth as the distance along the optical axis instead of along the pixel's ray
+ * (non-zero on). Gated by the data mode only: it applies to a camera that is registered but
+ * not open as well (the setting is reset when it is next closed). Modes with depth.
+ */
+TALVORO_API Result SetPlanarization(DeviceHandle handle, int on);
+/** Lens undistortion of depth (non-zero on). Modes with depth; switching on needs the plain
+ *  calibration (CalibrationDataNotFound). */
+TALVORO_API Result SetUnDistortion(DeviceHandle handle, int on);
+/**
+ * RGB-D mapping: depth registered onto the colour image (modes 4 and 5 only; switching on
+ * needs the plain calibration, and mode 5 maps only with the HD calibration as well, else it
+ * doubles depth). NotSupportedInDataMode elsewhere, CalibrationDataNotFound.
+ */
+TALVORO_API Result SetRGBDMapping(DeviceHandle handle, int on);
+/** Colour map of DepthColorMap: depths min..max (millimetres) over OpenCV colour map
+ *  `colormap` (0..21; a larger number keeps the current map). Modes with depth or IR. Ok. */
+TALVORO_API Result UpdateColorMap(DeviceHandle handle, int min, int max, int colormap);
+
 } /* extern "C" */
 
 } /* namespace Talvoro */
