@@ -12,9 +12,6 @@ using namespace Talvoro;
 
 namespace {
 
-using Getter = std::function<int(const DeviceHandle&, Values*)>;
-using Setter = std::function<int(const DeviceHandle&, const Values&)>;
-
 const char* const kAnyMode = "";
 const char* const kColourModes = "a colour stream (data modes 4 to 9)";
 const char* const kColourOnlyModes = "a colour-only data mode (6 to 9)";
@@ -42,31 +39,26 @@ Field onOff(const char* name) {
     return choice(name, {{0, "off"}, {1, "on"}});
 }
 
-Getter byteGetter(Result (*get)(DeviceHandle, unsigned char*)) {
-    return [get](const DeviceHandle& h, Values* v) {
-        unsigned char value = 0;
-        const int result = get(h, &value);
-        *v = {value};
-        return result;
-    };
-}
-
-Setter byteSetter(Result (*set)(DeviceHandle, unsigned char)) {
-    return [set](const DeviceHandle& h, const Values& v) {
-        return set(h, static_cast<unsigned char>(v[0]));
-    };
-}
-
-Control hidByte(const char* name, const char* description, const char* modes, Field field,
-                Result (*get)(DeviceHandle, unsigned char*),
-                Result (*set)(DeviceHandle, unsigned char)) {
+// A control of one value that a pair of public functions reads and changes (set may be null).
+template <typename T>
+Control scalar(const char* name, const char* description, const char* modes, Field field,
+               Result (*get)(DeviceHandle, T*), Result (*set)(DeviceHandle, T) = nullptr) {
     Control c;
     c.name = name;
     c.description = description;
     c.modes = modes;
     c.fields = {std::move(field)};
-    c.get = byteGetter(get);
-    c.set = byteSetter(set);
+    c.get = [get](const DeviceHandle& h, Values* v) {
+        T value{};
+        const int result = get(h, &value);
+        *v = {static_cast<int64_t>(value)};
+        return result;
+    };
+    if (set) {
+        c.set = [set](const DeviceHandle& h, const Values& v) {
+            return set(h, static_cast<T>(v[0]));
+        };
+    }
     return c;
 }
 
@@ -106,81 +98,26 @@ std::vector<Control> makeControls() {
     std::vector<Control> list;
 
     // ---- Streaming and time of flight ----
+    std::vector<Choice> modes;
+    for (int m = 0; m < kDataModes; ++m)
+        modes.push_back({m, modeInfo(m).name});
+    list.push_back(scalar("data-mode", "what the camera streams", kAnyMode, choice("mode", modes),
+                          GetDataMode, SetDataMode));
+    list.push_back(scalar(
+        "depth-range", "near (up to about 4 m, millimetres) or far (up to about 8 m)",
+        kNotColourOnly, choice("range", {{0, "near"}, {1, "far"}}), GetDepthRange, SetDepthRange));
     {
-        Control c;
-        c.name = "data-mode";
-        c.description = "what the camera streams";
-        c.modes = kAnyMode;
-        std::vector<Choice> modes;
-        for (int m = 0; m < kDataModes; ++m)
-            modes.push_back({m, modeInfo(m).name});
-        c.fields = {choice("mode", modes)};
-        c.get = [](const DeviceHandle& h, Values* v) {
-            DataMode mode = No_Image_Mode;
-            const int result = GetDataMode(h, &mode);
-            *v = {mode};
-            return result;
-        };
-        c.set = [](const DeviceHandle& h, const Values& v) {
-            return SetDataMode(h, static_cast<DataMode>(v[0]));
-        };
-        list.push_back(std::move(c));
-    }
-    {
-        Control c;
-        c.name = "depth-range";
-        c.description = "near (up to about 4 m, millimetres) or far (up to about 8 m)";
-        c.modes = kNotColourOnly;
-        c.fields = {choice("range", {{0, "near"}, {1, "far"}})};
-        c.get = [](const DeviceHandle& h, Values* v) {
-            uint16_t range = 0;
-            const int result = GetDepthRange(h, &range);
-            *v = {range};
-            return result;
-        };
-        c.set = [](const DeviceHandle& h, const Values& v) {
-            return SetDepthRange(h, static_cast<uint16_t>(v[0]));
-        };
-        list.push_back(std::move(c));
-    }
-    {
-        Control c;
-        c.name = "tof-exposure";
-        c.description = "time-of-flight exposure (at most 380 in near range, 850 in far range)";
-        c.modes = kAnyMode;
-        c.fields = {number("exposure", 0, 850)};
-        c.get = [](const DeviceHandle& h, Values* v) {
-            unsigned short exposure = 0;
-            const int result = GetTOFExposure(h, &exposure);
-            *v = {exposure};
-            return result;
-        };
-        c.set = [](const DeviceHandle& h, const Values& v) {
-            return SetTOFExposure(h, static_cast<unsigned short>(v[0]));
-        };
+        Control c = scalar("tof-exposure",
+                           "time-of-flight exposure (at most 380 in near range, 850 in far range)",
+                           kAnyMode, number("exposure", 0, 850), GetTOFExposure, SetTOFExposure);
         c.refine = [](const DeviceHandle& h, std::vector<Field>* fields) {
             uint16_t range = 0;
             if (GetDepthRange(h, &range) == Ok) fields->front().max = range == 1 ? 850 : 380;
         };
         list.push_back(std::move(c));
     }
-    {
-        Control c;
-        c.name = "tof-coring";
-        c.description = "coring threshold of the depth sensor";
-        c.modes = kDepthModes;
-        c.fields = {number("coring", 1, 65535)};
-        c.get = [](const DeviceHandle& h, Values* v) {
-            unsigned short coring = 0;
-            const int result = GetTOFCoring(h, &coring);
-            *v = {coring};
-            return result;
-        };
-        c.set = [](const DeviceHandle& h, const Values& v) {
-            return SetTOFCoring(h, static_cast<unsigned short>(v[0]));
-        };
-        list.push_back(std::move(c));
-    }
+    list.push_back(scalar("tof-coring", "coring threshold of the depth sensor", kDepthModes,
+                          number("coring", 1, 65535), GetTOFCoring, SetTOFCoring));
 
     // ---- Standard colour-sensor controls ----
     const Field anyInt = number("value", INT32_MIN, INT32_MAX);
@@ -201,23 +138,23 @@ std::vector<Control> makeControls() {
     list.push_back(uvcControl("exposure-time", 10, "colour exposure time (when manual)", anyInt));
 
     // ---- Camera features over HID ----
-    list.push_back(hidByte("anti-flicker", "flicker suppression", kColourModes,
-                           choice("mode", {{0, "auto"}, {1, "50hz"}, {2, "60hz"}, {3, "off"}}),
-                           GetAntiFlickerDetection, SetAntiFlickerDetection));
-    list.push_back(hidByte("scene-mode", "scene mode", kColourModes,
-                           choice("mode", {{0, "normal"}, {1, "macro"}}), GetSceneMode,
-                           SetSceneMode));
-    list.push_back(hidByte("special-effect", "colour effect", kColourModes,
-                           choice("effect", {{0, "normal"},
-                                             {1, "black-and-white"},
-                                             {2, "greyscale"},
-                                             {3, "negative"},
-                                             {4, "sketch"}}),
-                           GetSpecialEffect, SetSpecialEffect));
-    list.push_back(hidByte("denoise", "colour denoise strength", kColourModes,
-                           number("strength", 0, 15), GetDenoise, SetDenoise));
+    list.push_back(scalar("anti-flicker", "flicker suppression", kColourModes,
+                          choice("mode", {{0, "auto"}, {1, "50hz"}, {2, "60hz"}, {3, "off"}}),
+                          GetAntiFlickerDetection, SetAntiFlickerDetection));
+    list.push_back(scalar("scene-mode", "scene mode", kColourModes,
+                          choice("mode", {{0, "normal"}, {1, "macro"}}), GetSceneMode,
+                          SetSceneMode));
+    list.push_back(scalar("special-effect", "colour effect", kColourModes,
+                          choice("effect", {{0, "normal"},
+                                            {1, "black-and-white"},
+                                            {2, "greyscale"},
+                                            {3, "negative"},
+                                            {4, "sketch"}}),
+                          GetSpecialEffect, SetSpecialEffect));
+    list.push_back(scalar("denoise", "colour denoise strength", kColourModes,
+                          number("strength", 0, 15), GetDenoise, SetDenoise));
     {
-        Control c = hidByte(
+        Control c = scalar(
             "orientation", "image orientation (set in colour-only modes)", kColourModes,
             choice("orientation", {{0, "normal"}, {1, "mirrored"}, {2, "flipped"}, {3, "both"}}),
             GetOrientation, SetOrientation);
@@ -291,29 +228,15 @@ std::vector<Control> makeControls() {
         };
         list.push_back(std::move(c));
     }
-    {
-        Control c;
-        c.name = "exposure-compensation";
-        c.description = "colour exposure compensation";
-        c.modes = kColourModes;
-        c.fields = {number("value", 8000, 1000000)};
-        c.get = [](const DeviceHandle& h, Values* v) {
-            unsigned int value = 0;
-            const int result = GetExposureCompensation(h, &value);
-            *v = {value};
-            return result;
-        };
-        c.set = [](const DeviceHandle& h, const Values& v) {
-            return SetExposureCompensation(h, static_cast<unsigned int>(v[0]));
-        };
-        list.push_back(std::move(c));
-    }
-    list.push_back(hidByte("frame-rate", "colour frame rate", kColourModes, number("fps", 1, 120),
-                           GetFrameRateCtrl, SetFrameRateCtrl));
+    list.push_back(scalar("exposure-compensation", "colour exposure compensation", kColourModes,
+                          number("value", 8000, 1000000), GetExposureCompensation,
+                          SetExposureCompensation));
+    list.push_back(scalar("frame-rate", "colour frame rate", kColourModes, number("fps", 1, 120),
+                          GetFrameRateCtrl, SetFrameRateCtrl));
 
     // ---- Camera, IMU and board ----
-    list.push_back(hidByte("imu-embedded", "IMU samples embedded in the frames", kAnyMode,
-                           onOff("state"), GetIMUEmbeddedData, SetIMUEmbeddedData));
+    list.push_back(scalar("imu-embedded", "IMU samples embedded in the frames", kAnyMode,
+                          onOff("state"), GetIMUEmbeddedData, SetIMUEmbeddedData));
     {
         Control c;
         c.name = "imu-config";
@@ -353,7 +276,7 @@ std::vector<Control> makeControls() {
     {
         Control c;
         c.name = "imu-capture";
-        c.description = "starts or stops the IMU sample stream (write only)";
+        c.description = "starts or stops the IMU sample stream";
         c.modes = kAnyMode;
         c.fields = {choice("state", {{1, "start"}, {2, "stop"}})};
         c.set = [](const DeviceHandle& h, const Values& v) {
@@ -370,7 +293,7 @@ std::vector<Control> makeControls() {
         c.name = "imu-sample";
         c.description =
             "one IMU sample: counter, acceleration in mg, angular rate in degrees per second "
-            "(read only; start the stream with imu-capture)";
+            "(start the stream with imu-capture)";
         c.modes = kAnyMode;
         auto reading = [](const char* name) {
             Field f = number(name, INT64_MIN, INT64_MAX);
@@ -394,56 +317,17 @@ std::vector<Control> makeControls() {
         };
         list.push_back(std::move(c));
     }
-    {
-        Control c;
-        c.name = "base-temperature";
-        c.description = "base board temperature, the camera's raw reading (read only)";
-        c.modes = kAnyMode;
-        c.fields = {number("raw", 0, 65535)};
-        c.get = [](const DeviceHandle& h, Values* v) {
-            float t = 0;
-            const int result = GetBaseBoardTemperatureData(h, &t);
-            *v = {static_cast<int64_t>(t)};
-            return result;
-        };
-        list.push_back(std::move(c));
-    }
-    {
-        Control c;
-        c.name = "laser-temperature";
-        c.description = "laser board temperature, the camera's raw reading (read only)";
-        c.modes = kAnyMode;
-        c.fields = {number("raw", 0, 65535)};
-        c.get = [](const DeviceHandle& h, Values* v) {
-            float t = 0;
-            const int result = GetLaserBoardTemperatureData(h, &t);
-            *v = {static_cast<int64_t>(t)};
-            return result;
-        };
-        list.push_back(std::move(c));
-    }
-    {
-        Control c;
-        c.name = "unique-id";
-        c.description = "the camera's 64-bit unique ID (read only)";
-        c.modes = kAnyMode;
-        Field id = number("id", INT64_MIN, INT64_MAX);
-        id.hex = true;
-        c.fields = {id};
-        c.get = [](const DeviceHandle& h, Values* v) {
-            unsigned long id = 0;
-            const int result = GetUniqueID(h, &id);
-            *v = {static_cast<int64_t>(id)};
-            return result;
-        };
-        list.push_back(std::move(c));
-    }
+    list.push_back(scalar("base-temperature", "base board temperature, the camera's raw reading",
+                          kAnyMode, number("raw", 0, 65535), GetBaseBoardTemperatureData));
+    list.push_back(scalar("laser-temperature", "laser board temperature, the camera's raw reading",
+                          kAnyMode, number("raw", 0, 65535), GetLaserBoardTemperatureData));
+    Field id = number("id", INT64_MIN, INT64_MAX);
+    id.hex = true;
+    list.push_back(scalar("unique-id", "the camera's 64-bit unique ID", kAnyMode, id, GetUniqueID));
     {
         Control c;
         c.name = "defaults";
-        c.description =
-            "restores the camera's HID settings to their defaults (write only, "
-            "no value)";
+        c.description = "restores the camera's HID settings to their defaults (no value)";
         c.modes = kAnyMode;
         c.set = [](const DeviceHandle& h, const Values&) { return SetDefault(h); };
         list.push_back(std::move(c));

@@ -21,34 +21,18 @@ void Json::beforeValue() {
     newline();
 }
 
-Json& Json::beginObject() {
+Json& Json::open(char bracket) {
     beforeValue();
-    text_ += '{';
+    text_ += bracket;
     hasElement_.push_back(false);
     return *this;
 }
 
-Json& Json::endObject() {
+Json& Json::close(char bracket) {
     const bool any = hasElement_.back();
     hasElement_.pop_back();
     if (any) newline();
-    text_ += '}';
-    if (hasElement_.empty()) text_ += '\n';
-    return *this;
-}
-
-Json& Json::beginArray() {
-    beforeValue();
-    text_ += '[';
-    hasElement_.push_back(false);
-    return *this;
-}
-
-Json& Json::endArray() {
-    const bool any = hasElement_.back();
-    hasElement_.pop_back();
-    if (any) newline();
-    text_ += ']';
+    text_ += bracket;
     if (hasElement_.empty()) text_ += '\n';
     return *this;
 }

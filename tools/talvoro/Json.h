@@ -11,10 +11,10 @@ namespace talvoro_tool {
 
 class Json {
   public:
-    Json& beginObject();
-    Json& endObject();
-    Json& beginArray();
-    Json& endArray();
+    Json& beginObject() { return open('{'); }
+    Json& endObject() { return close('}'); }
+    Json& beginArray() { return open('['); }
+    Json& endArray() { return close(']'); }
     // The key of the next value inside an object.
     Json& key(const std::string& name);
 
@@ -36,6 +36,8 @@ class Json {
     const std::string& text() const { return text_; }
 
   private:
+    Json& open(char bracket);
+    Json& close(char bracket);
     void beforeValue();
     void newline();
 
