@@ -47,6 +47,7 @@ void printControls() {
             if (!f.hex && f.decimals == 0)
                 std::printf("      %s: %s\n", f.name.c_str(), describeRange(f).c_str());
         if (!c.modes.empty()) std::printf("      needs %s\n", c.modes.c_str());
+        if (!c.setModes.empty()) std::printf("      set needs %s\n", c.setModes.c_str());
     }
 }
 
