@@ -1,5 +1,6 @@
 // talvoro: the command-line tool for Talvoro depth cameras, built on the public interface of
 // libTalvoroSDK. One subcommand per source file; this one dispatches and prints the help.
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -45,7 +46,9 @@ void printControls() {
         std::printf("  %s%s: %s\n", c.name.c_str(), access.c_str(), c.description.c_str());
         for (const Field& f : c.inputs())
             if (!f.hex && f.decimals == 0)
-                std::printf("      %s: %s\n", f.name.c_str(), describeRange(f).c_str());
+                std::printf("      %s: %s\n", f.name.c_str(),
+                            f.min == INT32_MIN ? "the camera's range (talvoro info shows it)"
+                                               : describeRange(f).c_str());
         if (!c.modes.empty()) std::printf("      needs %s\n", c.modes.c_str());
         if (!c.setModes.empty()) std::printf("      set needs %s\n", c.setModes.c_str());
     }
