@@ -169,6 +169,10 @@ TEST_F(Stream, PollingTimesOutOnlyBeforeTheFirstFrame) {
     talvoro_vcam::clearFault(kSerial, "stall");
     ASSERT_EQ(fetchFrame(device), Ok);
     ASSERT_TRUE(talvoro_vcam::injectFault(kSerial, "stall"));
+    // A frame the camera began to fill before the stall may still complete: let two of its
+    // frame times pass before taking stock.
+    const auto stalledAt = counters(kSerial).elapsed;
+    ASSERT_TRUE(eventually([&] { return counters(kSerial).elapsed >= stalledAt + 2; }));
     ASSERT_TRUE(eventually([&] { return unfetched() == leftOver; }));
     // The camera counts a frame when it is dequeued, before the Device has copied it: wait
     // until every dequeued frame is copied and the thread waits in its next round.
