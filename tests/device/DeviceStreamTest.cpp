@@ -159,6 +159,7 @@ TEST_F(Stream, PollingTimesOutOnlyBeforeTheFirstFrame) {
         return c.produced - c.dequeued;
     };
     const auto leftOver = unfetched();
+    const auto dequeuedBefore = counters(kSerial).dequeued;
     Device device(0);
     ASSERT_TRUE(device.open(nodeInfo(kNode)));
     const auto start = std::chrono::steady_clock::now();
@@ -168,7 +169,16 @@ TEST_F(Stream, PollingTimesOutOnlyBeforeTheFirstFrame) {
     talvoro_vcam::clearFault(kSerial, "stall");
     ASSERT_EQ(fetchFrame(device), Ok);
     ASSERT_TRUE(talvoro_vcam::injectFault(kSerial, "stall"));
+    // A frame the camera began to fill before the stall may still complete: let two of its
+    // frame times pass before taking stock.
+    const auto stalledAt = counters(kSerial).elapsed;
+    ASSERT_TRUE(eventually([&] { return counters(kSerial).elapsed >= stalledAt + 2; }));
     ASSERT_TRUE(eventually([&] { return unfetched() == leftOver; }));
+    // The camera counts a frame when it is dequeued, before the Device has copied it: wait
+    // until every dequeued frame is copied and the thread waits in its next round.
+    ASSERT_TRUE(eventually([&] {
+        return device.acquisitionRounds() == counters(kSerial).dequeued - dequeuedBefore + 1;
+    }));
     // The last frame is processed again, and counted once.
     EXPECT_EQ(device.getframe(), Ok);
     const uint32_t counted = device.processedFrames();

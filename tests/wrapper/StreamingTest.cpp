@@ -157,18 +157,31 @@ INSTANTIATE_TEST_SUITE_P(Modes, StreamingMapping,
 
 using FrameRate = ApiTest;
 
-TEST_F(FrameRate, EstimateFollowsTheCameraInModesZeroFourAndFive) {
+TEST_F(FrameRate, EstimateFollowsTheFramesFetchedInModesZeroFourAndFive) {
     constexpr int kRate = 10;
     const DeviceHandle h = open("RATE-1");
     for (Talvoro::DataMode mode : {Depth_IR_Mode, Depth_IR_RGB_VGA_Mode, Depth_IR_RGB_HD_Mode}) {
         ASSERT_EQ(SetDataMode(h, mode), Ok);
         ASSERT_TRUE(waitFor([&] { return GetNextFrame(h) == Ok; }));
-        // The first reading starts the interval the next one averages over.
+        // The first reading starts the interval the next one averages over. The estimate counts
+        // the frames this application fetched, which on a loaded machine can be fewer than the
+        // camera sent: compare it with what was fetched, and never above the camera's rate.
         GetFramesPerSecond(h);
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        const auto start = std::chrono::steady_clock::now();
+        const auto end = start + std::chrono::seconds(5);
+        int fetched = 0;
         while (std::chrono::steady_clock::now() < end)
-            GetNextFrame(h);
-        EXPECT_NEAR(GetFramesPerSecond(h), kRate, kRate / 10.0) << "mode " << mode;
+            if (GetNextFrame(h) == Ok) ++fetched;
+        const int estimate = GetFramesPerSecond(h);
+        const double seconds =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        // Whole frames per second, rounded down; a fetch that re-reads a frame already counted
+        // returns Ok but does not count, hence the slack below.
+        const double measured = fetched / seconds;
+        EXPECT_LE(estimate, measured + 0.1) << "mode " << mode;
+        EXPECT_GE(estimate, 0.9 * measured - 1.0) << "mode " << mode;
+        EXPECT_LE(estimate, kRate) << "mode " << mode;
+        EXPECT_GT(estimate, 0) << "mode " << mode;
     }
 }
 
