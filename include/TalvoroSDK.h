@@ -721,6 +721,46 @@ TALVORO_API Result SetRGBDMapping(DeviceHandle handle, int on);
  *  `colormap` (0..21; a larger number keeps the current map). Modes with depth or IR. Ok. */
 TALVORO_API Result UpdateColorMap(DeviceHandle handle, int min, int max, int colormap);
 
+/* ---- Extension: raw frames ----
+ *
+ * EXTENSION to the camera's original interface, added for recording (the `talvoro record`
+ * tool): programs written against the original interface do not use it, and other
+ * implementations of this interface may lack it.
+ */
+
+/** What GetRawFrame tells about the frame it copied. */
+struct RawFrameInfo {
+    uint32_t size;          /**< the frame's length in bytes, as the driver delivered it */
+    DataMode data_mode;     /**< the camera's data mode, as SetDataMode or GetDataMode left it */
+    uint64_t sequence;      /**< the driver's frame sequence number; it starts again at 0 when
+                                 streaming restarts (open, SetDataMode) and counts dropped frames */
+    uint64_t time_stamp_ns; /**< the driver's capture time stamp, CLOCK_MONOTONIC nanoseconds */
+};
+
+/**
+ * EXTENSION. Copies the newest captured frame of an open camera into `buffer`, byte for byte as
+ * the camera sent it (before any separation or processing), and describes it in *info. It does
+ * not disturb frame processing: the frame stays new for GetNextFrame, and no image changes. Any
+ * data mode; it may be called from a frame callback, which then sees the frame it announces.
+ *
+ * The raw layout and the capture format follow from info->data_mode (the depth range, for the
+ * depth modes, from GetDepthRange): mode 0 "Y16 " 640x960, depth and IR row pairs; 2 and 3
+ * "Y16 " 640x480, depth rows and IR rows; 4 "Y16 " 1280x600 and 5 "Y16 " 1443x960, depth, IR and
+ * colour lines multiplexed; 6 to 9 "UYVY" colour at 640x480, 1280x720, 1920x1080 and 1920x1200.
+ * The camera's frame mode is (1, 0) for mode 0, (1, 2) and (1, 3) for modes 2 and 3, (0, 0) for
+ * 4 and 5, and (2, 0) for the colour modes. A frame is width x height x 2 bytes of its format
+ * (4,608,000 bytes in mode 9 at most): frames the camera cuts short are dropped on capture. In
+ * mode 1 the camera streams on in the format it had, so the layout cannot be told from the mode.
+ *
+ * With `capacity` below the frame's size nothing is copied, info->size tells the size needed
+ * and the result is InvalidValue (a null buffer with capacity 0 asks for the size).
+ * Returns Ok; CameraNotOpened; InvalidFrameBuffer when the camera does not capture (no capture
+ * buffer); TimeoutError when no frame has arrived since capture (re)started; InvalidValue for a
+ * null info, a null buffer with a non-zero capacity, or a capacity that is too small.
+ */
+TALVORO_API Result GetRawFrame(DeviceHandle handle, uint8_t* buffer, uint32_t capacity,
+                               RawFrameInfo* info);
+
 } /* extern "C" */
 
 } /* namespace Talvoro */

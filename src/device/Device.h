@@ -86,6 +86,7 @@ class Device : public TALVORODevice {
     Result setPositions(std::vector<DepthPtr> positions, unsigned char unused) override;
     Result isDeviceOpen() override;
     Result setDeviceIndex(unsigned int index, std::string label) override;
+    Result getRawFrame(uint8_t* buffer, uint32_t capacity, RawFrameInfo* info) override;
 
     // ---- Steps of the operations above ------------------------------------------------------
 
@@ -148,6 +149,11 @@ class Device : public TALVORODevice {
     std::vector<MemoryMapping> buffers;            // one per granted buffer; freed under frameMutex
     std::unique_ptr<unsigned char[]> frameBuffer;  // guarded by frameMutex
     uint64_t frameSize = 0;                        // written under frameMutex
+    // The frame in frameBuffer as the driver described it (its length 0 until one arrives in a
+    // capture run), for raw-frame copies; guarded by frameMutex.
+    uint64_t rawFrameBytes = 0;
+    uint64_t rawFrameSequence = 0;
+    uint64_t rawFrameTimestampNs = 0;
     std::atomic<bool> buffersRequested{false};
     std::atomic<bool> streaming{false};
     std::atomic<bool> lastReadOk{false};

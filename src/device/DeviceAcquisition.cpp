@@ -82,6 +82,10 @@ bool Device::read_frame_v4l2(bool* streamEnded) {
                 std::min<uint64_t>({buffer.bytesused, frameSize, mapping.length()});
             std::memcpy(frameBuffer.get(), mapping.start(), bytes);
             newFrame = true;
+            rawFrameBytes = bytes;
+            rawFrameSequence = buffer.sequence;
+            rawFrameTimestampNs = static_cast<uint64_t>(buffer.timestamp.tv_sec) * 1000000000u +
+                                  static_cast<uint64_t>(buffer.timestamp.tv_usec) * 1000u;
         }
     }
     // Stamped before the frame is announced, so that whoever processes it publishes this time.
@@ -187,6 +191,20 @@ Result Device::registerNotificationCallback(DeviceCallback callback) {
 
 Result Device::registerWrapperNotificationCallback(DeviceCallback callback) {
     return setError(wrapperNotificationCallback.set(std::move(callback)));
+}
+
+Result Device::getRawFrame(uint8_t* buffer, uint32_t capacity, RawFrameInfo* info) {
+    if (!info) return setError(InvalidValue);
+    std::lock_guard<std::mutex> lock(frameMutex);
+    if (!frameBuffer) return setError(InvalidFrameBuffer);
+    if (rawFrameBytes == 0) return setError(TimeoutError);
+    // Driver buffer lengths are 32-bit: a frame always fits the record.
+    info->size = static_cast<uint32_t>(std::min<uint64_t>(rawFrameBytes, UINT32_MAX));
+    if (!buffer || capacity < info->size) return setError(InvalidValue);
+    std::memcpy(buffer, frameBuffer.get(), info->size);
+    info->sequence = rawFrameSequence;
+    info->time_stamp_ns = rawFrameTimestampNs;
+    return setError(Ok);
 }
 
 uint64_t Device::capturedFrameSize() const {

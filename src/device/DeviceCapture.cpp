@@ -84,6 +84,7 @@ bool Device::createBuffers() {
         if (frameBuffer) {
             frameSize = largest;
             newFrame = false;
+            rawFrameBytes = 0;
             // Written on every successful creation at level 7, as it always has been.
             _log(7, "\nTalvoroSDK:memory allocation for the index : MAX_V4L_BUFFERS ");
         }
@@ -97,6 +98,7 @@ void Device::releaseBuffers() {
     frameBuffer.reset();
     frameSize = 0;
     newFrame = false;
+    rawFrameBytes = 0;
     if (!buffersRequested) return;
     buffersRequested = false;
     for (MemoryMapping& buffer : buffers) {

@@ -121,6 +121,13 @@ class TALVORODevice {
     // The camera's registry position and label, printed in log lines and passed to callbacks
     // (the index); the frame processor gets both too. 1 (cErrorNo untouched).
     virtual Result setDeviceIndex(unsigned int index, std::string label) = 0;
+
+    // Copies the newest captured frame, as the driver delivered it, into buffer (capacity
+    // bytes) under the frame lock, without touching the frame processor or the new-frame state
+    // getframe waits for. Fills size, sequence and time stamp of *info (not the data mode). 1;
+    // -18 while no capture buffer exists; -17 when no frame arrived in this capture run; -13
+    // for a null info, or a capacity below the size (then only info->size is written).
+    virtual Result getRawFrame(uint8_t* buffer, uint32_t capacity, RawFrameInfo* info) = 0;
 };
 
 }  // namespace Talvoro

@@ -32,6 +32,17 @@ TALVORO_API int GetFramesPerSecond(DeviceHandle handle) {
     });
 }
 
+TALVORO_API Result GetRawFrame(DeviceHandle handle, uint8_t* buffer, uint32_t capacity,
+                               RawFrameInfo* info) {
+    return callCamera("GetRawFrame", handle, ModeRule::Any, [&](const Camera& c) {
+        if (!info) return InvalidValue;
+        const Result result = c.cam->getRawFrame(buffer, capacity, info);
+        if (result == Ok || result == InvalidValue)
+            info->data_mode = static_cast<DataMode>(c.dataMode);
+        return result;
+    });
+}
+
 TALVORO_API void RegisterFrameCallback(DeviceHandle handle,
                                        std::function<void(int, int)> callback) {
     registerApplicationCallback("RegisterFrameCallback", handle, std::move(callback),
