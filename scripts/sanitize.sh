@@ -15,6 +15,6 @@ esac
 # The preloads come before the sanitizer runtime in the library list; that is intended.
 export ASAN_OPTIONS="verify_asan_link_order=0:detect_leaks=1:abort_on_error=0"
 export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1"
-export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
+export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:suppressions=$(pwd)/scripts/tsan.supp"
 # Installed consumers would need the sanitizer runtime; the normal build covers them.
 ctest --test-dir "$dir" --output-on-failure -j"$(nproc)" -E '^install\.' "$@"

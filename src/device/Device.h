@@ -7,7 +7,9 @@
 //
 // Locks, in the order they may be taken: processMutex (one getframe at a time), frameMutex
 // (frameBuffer, its size and newFrame), then the frame processor's frameMutex. waitMutex (the
-// getframe wait) is never held together with any of them. No lock is held while a callback runs.
+// getframe wait and its frame counts) is innermost: taken inside frameMutex so that a frame's
+// data and its signal are counted together, and on its own for the wait. No lock is held while
+// a callback runs.
 //
 // Callbacks run on the acquisition thread. A callback may call closeDevice, deinitCapture,
 // setFormat or even destroy the Device: the thread is then detached instead of joined and,
@@ -175,8 +177,9 @@ class Device : public TALVORODevice {
     mutable std::mutex frameMutex;
     std::mutex waitMutex;
     std::condition_variable frameCond;
-    // Frames signalled through frameCond, and the last one getframe went on with; both guarded
-    // by waitMutex. A frame signalled while nobody waited is still seen by the next getframe.
+    // Frames signalled through frameCond, and how many of them getframe had taken when it last
+    // took the frame's data; both guarded by waitMutex. A frame signalled while nobody waited is
+    // still seen by the next getframe.
     uint64_t signalledFrames = 0;
     uint64_t fetchedFrames = 0;
 

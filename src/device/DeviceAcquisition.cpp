@@ -75,6 +75,7 @@ bool Device::read_frame_v4l2(bool* streamEnded) {
     }
 
     const MemoryMapping& mapping = buffers[buffer.index];
+    const bool polling = frameCallback.empty();
     {
         std::lock_guard<std::mutex> lock(frameMutex);
         if (frameBuffer) {
@@ -87,16 +88,19 @@ bool Device::read_frame_v4l2(bool* streamEnded) {
             rawFrameTimestampNs = static_cast<uint64_t>(buffer.timestamp.tv_sec) * 1000000000u +
                                   static_cast<uint64_t>(buffer.timestamp.tv_usec) * 1000u;
         }
-    }
-    // Stamped before the frame is announced, so that whoever processes it publishes this time.
-    frameProcessor->captureTimestamp = static_cast<int64_t>(time(nullptr));
-    if (frameCallback.empty()) {
-        frameSignalled = true;
-        {
-            std::lock_guard<std::mutex> lock(waitMutex);
-            ++signalledFrames;
+        // Stamped before the frame is announced, so that whoever processes it publishes this
+        // time.
+        frameProcessor->captureTimestamp = static_cast<int64_t>(time(nullptr));
+        if (polling) {
+            // Counted and announced together with the copy: a getframe that takes this frame's
+            // data also takes its signal, so no wake-up is left over to fetch it twice.
+            {
+                std::lock_guard<std::mutex> wait(waitMutex);
+                ++signalledFrames;
+            }
+            frameSignalled = true;
+            frameCond.notify_all();
         }
-        frameCond.notify_all();
     }
     if (xioctl(fd.get(), VIDIOC_QBUF, &requeue) == -1) {
         // The missing parenthesis and the index after "errno=" belong to this line.
@@ -116,7 +120,6 @@ Result Device::getframe() {
                 !frameSignalled)
                 return setError(TimeoutError);
         }
-        fetchedFrames = signalledFrames;
     }
 
     std::lock_guard<std::mutex> processing(processMutex);
@@ -124,6 +127,10 @@ Result Device::getframe() {
     bool fresh = false;
     {
         std::lock_guard<std::mutex> lock(frameMutex);
+        {
+            std::lock_guard<std::mutex> wait(waitMutex);
+            fetchedFrames = signalledFrames;
+        }
         if (!frameBuffer) return setError(InvalidFrameBuffer);
         const int size = static_cast<int>(std::min<uint64_t>(frameSize, INT_MAX));
         setup = frameProcessor->setupFrame(frameBuffer.get(), size);
