@@ -196,9 +196,10 @@ void postProcessing() {
             processor.post_processing(scaled);
         });
     }
+    // What the spatial filter replaces (post_processing/spatial adds the colour map).
     static cv::Mat median, bilateral;
-    cv::medianBlur(scaled, median, 5);
-    registerStage("opencv/bilateralFilter", [] {
+    registerStage("opencv/medianBlur+bilateralFilter", [] {
+        cv::medianBlur(scaled, median, 5);
         cv::bilateralFilter(median, bilateral, 5, 200, 200, cv::BORDER_REFLECT_101);
     });
 }

@@ -7,6 +7,7 @@
 #include "frame/ColorMap.h"
 #include "frame/EdgeFilter.h"
 #include "frame/FlyingPixelFilter.h"
+#include "frame/SpatialFilter.h"
 #include "frame/TalvoroFrame.h"
 
 namespace Talvoro {
@@ -61,9 +62,9 @@ void TalvoroFrame::post_processing(const cv::Mat& src) {
     }
     const cv::Mat* input = &src;
     if (filters & kSpatialFilter) {
-        cv::medianBlur(src, spatialTemp, medianKernel);
-        cv::bilateralFilter(spatialTemp, spatialFiltered, bilateralDiameter, bilateralSigma,
-                            bilateralSigma, cv::BORDER_REFLECT_101);
+        static_assert(medianKernel == 5 && bilateralDiameter == 5 && bilateralSigma == 200,
+                      "frame::spatialFilter computes exactly these parameters");
+        frame::spatialFilter(src, {spatialTemp, spatialFiltered, spatialPadded, spatialLanes});
         input = &spatialFiltered;
     }
     if (filters & kEdgeFilter) {

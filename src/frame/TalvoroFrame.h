@@ -112,8 +112,8 @@ class TalvoroFrame {
     // ---- Depth post-processing ----------------------------------------------------------------
 
     // Colours the 8-bit depth `src` into depthcolormap, after the spatial filter (bit 0 of
-    // filterFlags: OpenCV's median and bilateral filters, which allocate their own scratch
-    // memory on every call) and with edges blacked out (bit 2). Called with frameMutex held.
+    // filterFlags: median, then bilateral) and with edges blacked out (bit 2). Called with
+    // frameMutex held.
     void post_processing(const cv::Mat& src);
 
     // Removes flying pixels of src (CV_16UC1, at least height x width) into dst (the same):
@@ -278,10 +278,11 @@ class TalvoroFrame {
     cv::Mat filteredRegisteredDepth;  // 720x1280 CV_16U: flying-pixel output, mode 5 mapped
     cv::Mat registeredDepth;          // CV_16U in the colour camera: 480x640 (mode 4), 720x1280 (5)
     cv::Mat spatialTemp, spatialFiltered, sobelX, sobelY, edgeMagnitude, edgeMask;
-    cv::Mat rowDerivative, rowSmooth;  // 16-bit rows of the edge filter
-    cv::Mat prevDepthFrame;            // CV_8U: depth scaled to 0..255
-    cv::Mat depthcolormap;             // CV_8UC3
-    cv::Mat rgbFrame;                  // CV_8UC2, as delivered
+    cv::Mat rowDerivative, rowSmooth;     // 16-bit rows of the edge filter
+    cv::Mat spatialPadded, spatialLanes;  // work images of the spatial filter
+    cv::Mat prevDepthFrame;               // CV_8U: depth scaled to 0..255
+    cv::Mat depthcolormap;                // CV_8UC3
+    cv::Mat rgbFrame;                     // CV_8UC2, as delivered
     cv::Mat depthDistortion, hdDepthDistortion, depthCameraMatrix, hdDepthCameraMatrix;
     cv::Mat rgbDistortion, hdRgbDistortion, rgbCameraMatrix, hdRgbCameraMatrix;
     cv::Mat extrinsic, hdExtrinsic;

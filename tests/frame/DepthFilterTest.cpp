@@ -5,6 +5,7 @@
 
 #include "FrameTestSupport.h"
 #include "frame/Cpu.h"
+#include "frame/SpatialFilter.h"
 #include "frame/TemporalFilter.h"
 
 using namespace talvoro_test;
@@ -154,6 +155,30 @@ TEST(PostProcessing, EveryFilterCombinationMatchesOpenCv) {
     f.colorMapType = 200;
     f.post_processing(src);
     EXPECT_EQ(cv::norm(f.depthcolormap, expectedColours(src, false, false, 4), cv::NORM_INF), 0);
+}
+
+// The spatial filter on noise, at every size class its loops treat differently (the smallest
+// image, widths off the vector steps, the camera's image) and every instruction level.
+TEST(PostProcessing, SpatialFilterMatchesOpenCvOnNoise) {
+    cv::RNG rng(7);
+    cv::Mat median, output, padded, lanes;
+    for (const cv::Size size :
+         {cv::Size(3, 3), cv::Size(37, 5), cv::Size(61, 23), cv::Size(640, 480)}) {
+        cv::Mat src(size, CV_8UC1);
+        rng.fill(src, cv::RNG::UNIFORM, 0, 256);
+        src(cv::Rect(0, 0, size.width / 2, size.height / 2)).setTo(0);
+        cv::Mat expectedMedian, expected;
+        cv::medianBlur(src, expectedMedian, 5);
+        cv::bilateralFilter(expectedMedian, expected, 5, 200, 200, cv::BORDER_REFLECT_101);
+        for (Isa level : {Isa::Scalar, Isa::Sse2, Isa::Avx2, Isa::Avx512}) {
+            setIsaLimit(level);
+            Talvoro::frame::spatialFilter(src, {median, output, padded, lanes});
+            EXPECT_EQ(cv::norm(median, expectedMedian, cv::NORM_INF), 0)
+                << size << " isa " << int(level);
+            EXPECT_EQ(cv::norm(output, expected, cv::NORM_INF), 0) << size << " isa " << int(level);
+        }
+    }
+    setIsaLimit(Isa::Avx512);
 }
 
 TEST(PostProcessing, SpatialFilterAloneKeepsNoDepthColoured) {

@@ -102,7 +102,8 @@ TEST(NoAllocation, OwnStagesOn) {
     f.createThetaMat();
     f.setPlanarization(1);
     f.setFilterType(1, true);
-    f.setFilterType(2, true);  // the edge filter; the spatial one is OpenCV's and allocates
+    f.setFilterType(0, true);
+    f.setFilterType(2, true);
     f.depthRange = 1;
     f.processingFlags |= TalvoroFrame::kUndistortion | TalvoroFrame::kFlyingPixel;
     for (int mode : {0, 2, 4})
