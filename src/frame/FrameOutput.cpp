@@ -5,6 +5,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "frame/FrameLog.h"
+#include "frame/LabelText.h"
 #include "frame/TalvoroFrame.h"
 #include "log/Log.h"
 #include "log/TALVOROError.h"
@@ -169,8 +170,7 @@ void TalvoroFrame::_calculateAvgDepthIR(int x, int y, bool draw) {
         depthStdDev = enough ? int32_t(integerSqrt(squares / count)) : 0;
         if (canDraw) {
             std::snprintf(text, sizeof text, "%d mm", int(mean));
-            cv::putText(depthcolormap, text, cv::Point(tx, ty), cv::FONT_HERSHEY_SIMPLEX, 0.5,
-                        colour, 1, cv::LINE_8);
+            frame::drawLabel(depthcolormap, text, cv::Point(tx, ty), colour);
         }
     }
 
@@ -184,8 +184,7 @@ void TalvoroFrame::_calculateAvgDepthIR(int x, int y, bool draw) {
         irStdDev = int32_t(deviation[0]);
         if (canDraw) {
             std::snprintf(text, sizeof text, "%d", int(irMean));
-            cv::putText(depthcolormap, text, cv::Point(tx, ty + 15), cv::FONT_HERSHEY_SIMPLEX, 0.5,
-                        colour, 1, cv::LINE_8);
+            frame::drawLabel(depthcolormap, text, cv::Point(tx, ty + 15), colour);
         }
     }
     if (canDraw) cv::rectangle(depthcolormap, window, colour, 1, cv::LINE_8);

@@ -126,9 +126,9 @@ class TalvoroFrame {
 
     // Computes the averages of the window centred at (x, y) and, with draw, draws the window
     // and its values onto depthcolormap: "<avgDepth> mm" (never more than 65534, so the 32-bit
-    // format holds it) and, with the IR display, irMean, in OpenCV's simplex font (cv::putText,
-    // which allocates a small buffer per label). Window pixels outside the image count neither
-    // as valid nor in the spread. Called with frameMutex held.
+    // format holds it) and, with the IR display, irMean, in OpenCV's simplex font (drawLabel:
+    // no allocation unless a label runs off the image). Window pixels outside the image count
+    // neither as valid nor in the spread. Called with frameMutex held.
     void _calculateAvgDepthIR(int x, int y, bool draw);
 
     // Device::getDepthIRValues: _calculateAvgDepthIR(avgX, avgY, false) under frameMutex.

@@ -4,6 +4,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "FrameTestSupport.h"
+#include "frame/LabelText.h"
 
 using namespace talvoro_test;
 using Talvoro::TalvoroFrame;
@@ -133,6 +134,23 @@ cv::Mat drawnByHand(const cv::Mat& plain, cv::Rect window, cv::Point label, cons
 }
 
 }  // namespace
+
+// The labels' own text drawing against OpenCV's: every character it draws, at places where
+// the text runs off each edge of the image, over a background it must not disturb.
+TEST(Averaging, LabelTextIsOpenCvsSimplexFont) {
+    cv::Mat background(60, 200, CV_8UC3);
+    cv::randu(background, 0, 200);
+    const cv::Scalar colour(255, 0, 128, 0);
+    for (const char* text : {"0123456789 mm", "-42", "65535 mm", "7"}) {
+        for (const cv::Point origin : {cv::Point(5, 30), cv::Point(-7, 30), cv::Point(150, 30),
+                                       cv::Point(20, 4), cv::Point(20, 62)}) {
+            cv::Mat ours = background.clone(), theirs = background.clone();
+            Talvoro::frame::drawLabel(ours, text, origin, colour);
+            cv::putText(theirs, text, origin, cv::FONT_HERSHEY_SIMPLEX, 0.5, colour, 1, cv::LINE_8);
+            EXPECT_EQ(cv::norm(ours, theirs, cv::NORM_INF), 0) << text << " at " << origin;
+        }
+    }
+}
 
 TEST(Averaging, WindowAndLabelPlacement) {
     TalvoroFrame f;
