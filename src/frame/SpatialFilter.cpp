@@ -134,11 +134,11 @@ __attribute__((target("avx2"))) int compareSwapAvx2(uint8_t* a, uint8_t* b, int 
 }
 #endif
 
-void compareSwap(uint8_t* a, uint8_t* b, int width) {
+void compareSwap(uint8_t* a, uint8_t* b, int width, Isa level) {
     int j = 0;
 #if TALVORO_X86_64
-    if (isa() >= Isa::Avx2) j = compareSwapAvx2(a, b, width);
-    if (isa() >= Isa::Sse2) {
+    if (level >= Isa::Avx2) j = compareSwapAvx2(a, b, width);
+    if (level >= Isa::Sse2) {
         for (; j + 16 <= width; j += 16) {
             const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + j));
             const __m128i y = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + j));
@@ -157,12 +157,13 @@ void compareSwap(uint8_t* a, uint8_t* b, int width) {
 void median(const cv::Mat& padded, cv::Mat& lanes, cv::Mat& out) {
     const int width = out.cols;
     const MedianNetwork& network = medianNetwork();
+    const Isa level = isa();
     for (int y = 0; y < out.rows; ++y) {
         for (int k = 0; k < kValues; ++k)
             std::memcpy(lanes.ptr<uint8_t>(k), padded.ptr<uint8_t>(y + k / 5) + k % 5,
                         size_t(width));
         for (const auto& [a, b] : network.comparators)
-            compareSwap(lanes.ptr<uint8_t>(a), lanes.ptr<uint8_t>(b), width);
+            compareSwap(lanes.ptr<uint8_t>(a), lanes.ptr<uint8_t>(b), width, level);
         std::memcpy(out.ptr<uint8_t>(y), lanes.ptr<uint8_t>(network.medianLane), size_t(width));
     }
 }
