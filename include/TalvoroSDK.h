@@ -6,6 +6,9 @@
  *
  * Records are plain data with fixed layout; character arrays are NUL-terminated. Images handed
  * out by the library stay owned by the library and are valid until the next frame is processed.
+ *
+ * The declarations between the markers "@{" and "@}" share the comment before the first one.
+ * The API reference built from these comments: cmake --build build --target docs.
  */
 #ifndef TALVORO_SDK_H
 #define TALVORO_SDK_H
@@ -25,6 +28,7 @@
 #define TALVORO_API
 #endif
 
+/** The interface of libTalvoroSDK: records, result codes and the exported functions. */
 namespace Talvoro {
 
 /* ---------------------------------------------------------------------------------------------
@@ -161,18 +165,18 @@ struct UVCProp {
 /** Intrinsics of one camera: focal lengths and principal point in pixels, five distortion
  *  coefficients (k1, k2, p1, p2, k3) in OpenCV's order. */
 struct CameraIntrinsics {
-    double fx;
-    double fy;
-    double cx;
-    double cy;
-    double distortion[5];
+    double fx;            /**< focal length along x, pixels */
+    double fy;            /**< focal length along y, pixels */
+    double cx;            /**< principal point, x */
+    double cy;            /**< principal point, y */
+    double distortion[5]; /**< k1, k2, p1, p2, k3 */
 };
 
 /** Rigid transform from the depth camera to the colour camera: a row-major 3x3 rotation and a
  *  translation in the calibration's units (millimetres). */
 struct StereoExtrinsics {
-    double rotation[9];
-    double translation[3];
+    double rotation[9];    /**< 3x3 rotation, row by row */
+    double translation[3]; /**< x, y, z, millimetres */
 };
 
 /**
@@ -181,12 +185,12 @@ struct StereoExtrinsics {
  * colour 9-17, HD depth 18-26, HD colour 27-35, extrinsics 36-47, HD extrinsics 48-59.
  */
 struct CalibrationParams {
-    CameraIntrinsics depth;
-    CameraIntrinsics rgb;
-    CameraIntrinsics hd_depth;
-    CameraIntrinsics hd_rgb;
-    StereoExtrinsics extrinsic;
-    StereoExtrinsics hd_extrinsic;
+    CameraIntrinsics depth;        /**< depth camera, plain set */
+    CameraIntrinsics rgb;          /**< colour camera at 640x480 */
+    CameraIntrinsics hd_depth;     /**< depth camera, HD set */
+    CameraIntrinsics hd_rgb;       /**< colour camera at 1280x720 */
+    StereoExtrinsics extrinsic;    /**< depth to colour camera, plain set */
+    StereoExtrinsics hd_extrinsic; /**< depth to colour camera, HD set */
 };
 static_assert(sizeof(CalibrationParams) == 60 * sizeof(double), "CalibrationParams is 60 doubles");
 
@@ -242,12 +246,12 @@ struct IMUDATAINPUT_TypeDef {
 /** One IMU sample: acceleration in mg, angular rate in degrees per second. */
 struct IMUDATAOUTPUT_TypeDef {
     uint16_t imuValueCount; /**< running sample counter */
-    double accX;
-    double accY;
-    double accZ;
-    double gyroX;
-    double gyroY;
-    double gyroZ;
+    double accX;            /**< acceleration along x, mg */
+    double accY;            /**< acceleration along y, mg */
+    double accZ;            /**< acceleration along z, mg */
+    double gyroX;           /**< angular rate about x, degrees per second */
+    double gyroY;           /**< angular rate about y, degrees per second */
+    double gyroZ;           /**< angular rate about z, degrees per second */
 };
 static_assert(sizeof(IMUDATAOUTPUT_TypeDef) == 7 * 8, "an IMU sample is seven 8-byte slots");
 
@@ -288,8 +292,9 @@ TALVORO_API Result SetLogLevel(int level);
 
 /**
  * Selects the log output: 0 none, 1 standard output, 2 the log file (default), 3 both, 4 none.
- * The log file is "Talvoro_Log_<YYYY_MM_DD_HH_MM_SS>.txt" in the working directory, named when
- * the logger first starts; each entry is "<timestamp>  : <message>" and a newline.
+ * The log file is "Talvoro_Log_<YYYY_MM_DD_HH_MM_SS>.txt" in the working directory (or in
+ * TALVORO_DATA_DIR, see OpenDevice), named when the logger first starts; each entry is
+ * "<timestamp>  : <message>" and a newline.
  * Returns Ok, or OperationFailed for a value above 4 (mode unchanged).
  */
 TALVORO_API Result SetLogging(unsigned int mode);
@@ -371,6 +376,12 @@ TALVORO_API Result GetSDKVersion(uint8_t* major, uint8_t* minor, uint16_t* patch
  * or after a close, the calibration (written as "depth_intrinsic.yml", "rgb_intrinsic.yml" and
  * "stereo_extrinsic.yml" into the working directory, overwriting them; missing or malformed
  * calibration is only logged). Every step is logged at level 7.
+ *
+ * EXTENSION: when the environment variable TALVORO_DATA_DIR is set and not empty, the three
+ * calibration files and the log file go into the directory it names instead of the working
+ * directory (which must exist and be writable; the library does not create it). It is read at
+ * every use: set it before Initialize and leave it while cameras are open. Unset or empty,
+ * everything stays in the working directory.
  * On Ok, *handle names the camera. Returns:
  *  - InvalidNode: info.serialNo names no registered camera;
  *  - CameraAlreadyOpen: the camera is open (nothing changes);
@@ -414,6 +425,7 @@ TALVORO_API Result IsOpened(DeviceHandle handle);
 TALVORO_API Result GetCalibrationDataValidFlag(DeviceHandle handle, uint8_t type,
                                                CalibValidFlag* flag);
 
+/** @{ */
 /**
  * Size requests: *size becomes the block's size in bytes. Returns Ok, GetValueFailed when the
  * camera has no such block, HID codes, InvalidValue for a null size.
@@ -421,7 +433,9 @@ TALVORO_API Result GetCalibrationDataValidFlag(DeviceHandle handle, uint8_t type
 TALVORO_API Result CalibReadReqDepthIntrinsic(DeviceHandle handle, int* size);
 TALVORO_API Result CalibReadReqRGBIntrinsic(DeviceHandle handle, int* size);
 TALVORO_API Result CalibReadReqExtrinsic(DeviceHandle handle, int* size);
+/** @} */
 
+/** @{ */
 /**
  * Reads *size bytes of the block last requested into data, which must hold *size bytes. Returns
  * Ok; 0 (not a Result) for a size of 0, sending nothing; GetValueFailed when a chunk is refused;
@@ -430,7 +444,9 @@ TALVORO_API Result CalibReadReqExtrinsic(DeviceHandle handle, int* size);
 TALVORO_API Result CalibReadDepthIntrinsic(DeviceHandle handle, int* size, unsigned char* data);
 TALVORO_API Result CalibReadRGBIntrinsic(DeviceHandle handle, int* size, unsigned char* data);
 TALVORO_API Result CalibReadExtrinsic(DeviceHandle handle, int* size, unsigned char* data);
+/** @} */
 
+/** @{ */
 /** Reserved: return UnknownError (-255) on an open camera and touch nothing. */
 TALVORO_API Result ReadReqTOFCalibrationData(DeviceHandle handle, int* size);
 TALVORO_API Result ReadTOFCalibrationData(DeviceHandle handle, int size, unsigned char* data);
@@ -440,6 +456,7 @@ TALVORO_API Result ReadTOFPulseTuneSettings47Ohm(DeviceHandle handle, int size,
                                                  unsigned char* data);
 TALVORO_API Result WriteTOFPulseTuneSettings47Ohm(DeviceHandle handle, int size,
                                                   unsigned char* data);
+/** @} */
 
 /**
  * The calibration read when the camera was opened. A set (plain or HD) is filled only when its
@@ -536,18 +553,58 @@ TALVORO_API void RegisterFrameCallback(DeviceHandle handle, std::function<void(i
 TALVORO_API void RegisterNotificationCallback(DeviceHandle handle,
                                               std::function<void(int, int)> callback);
 
+/* ---- Extension: cameras that come and go ----
+ *
+ * EXTENSION to the camera's original interface, added for applications that follow cameras
+ * being plugged in and out (and `talvoro list --watch`): programs written against the original
+ * interface do not use it, and other implementations of this interface may lack it.
+ */
+
+/** What a device-list callback is told about a camera. */
+enum DeviceListEvent : int32_t {
+    DeviceLeft = 0,    /**< the camera was unplugged */
+    DeviceArrived = 1, /**< the camera was plugged in; GetDeviceCount now registers it */
+};
+
+/**
+ * EXTENSION. Registers the device-list callback, called with (event, serial number) each time a
+ * camera of this kind is plugged in or unplugged, as udev announces it (no polling). Cameras
+ * present when the callback is registered are not announced: list them with GetDeviceCount and
+ * GetDeviceListInfo. Each arrival and each departure is told once, in the order they happened,
+ * on a thread of the library's own (one for all cameras) and never under a library lock; the
+ * serial is valid during the call. The callback may call any function of this library (open,
+ * close or list cameras, register or unregister this callback); it should return soon, as later
+ * events wait for it. It is independent of Initialize and DeInitialize.
+ *
+ * The departure of an open camera is also reported to its notification callback, from its
+ * capture thread, in no particular order with this one; unregistering the camera (the
+ * notification's job) is not this callback's.
+ *
+ * A new callback replaces the one registered. An empty function unregisters: once the call
+ * returns the callback is not called any more, except that a call under way on another thread
+ * is finished first (from within the callback itself the call returns at once).
+ * Returns Ok, or OperationFailed when udev cannot be watched (nothing is registered then).
+ */
+TALVORO_API Result RegisterDeviceListCallback(
+    std::function<void(DeviceListEvent event, const char* serial)> callback);
+
 /* ---- Time-of-flight controls (any data mode unless noted) ---- */
 
+/** @{ */
 /** ToF exposure. The upper bound is 380 in near range and 850 in far range, as this library
  *  last set or read the range (read at open): InvalidValue above it. SysCallFail when refused. */
 TALVORO_API Result SetTOFExposure(DeviceHandle handle, unsigned short exposure);
 TALVORO_API Result GetTOFExposure(DeviceHandle handle, unsigned short* exposure);
+/** @} */
 
+/** @{ */
 /** Coring threshold, 1..65535 (0: InvalidValue). Modes with depth (0, 2, 4, 5), else
  *  NotSupportedInDataMode. */
 TALVORO_API Result SetTOFCoring(DeviceHandle handle, unsigned short coring);
 TALVORO_API Result GetTOFCoring(DeviceHandle handle, unsigned short* coring);
+/** @} */
 
+/** @{ */
 /** Reserved: return Ok and touch nothing. */
 TALVORO_API Result GetPulseConfig(DeviceHandle handle, unsigned short* a, unsigned short* b,
                                   unsigned short* c, unsigned short* d, unsigned short* e,
@@ -555,13 +612,16 @@ TALVORO_API Result GetPulseConfig(DeviceHandle handle, unsigned short* a, unsign
 TALVORO_API Result SetPulseConfig(DeviceHandle handle, unsigned short a, unsigned short b,
                                   unsigned short c, unsigned short d, unsigned short e,
                                   unsigned short f);
+/** @} */
 
+/** @{ */
 /** Sensor register access is disabled: both return Ok on an open camera and do nothing
  *  (*value is left). */
 TALVORO_API Result SetADIRegister(DeviceHandle handle, unsigned short address,
                                   unsigned short value);
 TALVORO_API Result GetADIRegister(DeviceHandle handle, unsigned short address,
                                   unsigned short* value);
+/** @} */
 
 /* ---- Colour controls ----
  * Reading needs a colour stream (modes 4 to 9), as do the setters unless noted: otherwise
@@ -571,6 +631,7 @@ TALVORO_API Result GetADIRegister(DeviceHandle handle, unsigned short address,
  * TimeoutError. Null pointers give InvalidValue.
  */
 
+/** @{ */
 /**
  * Standard colour-sensor controls by index: 0 brightness, 1 contrast, 2 saturation, 3 automatic
  * white balance (0/1), 4 gamma, 5 gain, 6 power-line frequency (0 off, 1 50 Hz, 2 60 Hz),
@@ -581,20 +642,30 @@ TALVORO_API Result GetADIRegister(DeviceHandle handle, unsigned short address,
  */
 TALVORO_API Result GetUVCControl(DeviceHandle handle, unsigned int controlId, UVCProp* prop);
 TALVORO_API Result SetUVCControl(DeviceHandle handle, unsigned int controlId, int value);
+/** @} */
 
+/** @{ */
 /** Anti-flicker: 0 auto, 1 50 Hz, 2 60 Hz, 3 off. */
 TALVORO_API Result GetAntiFlickerDetection(DeviceHandle handle, unsigned char* value);
 TALVORO_API Result SetAntiFlickerDetection(DeviceHandle handle, unsigned char value);
+/** @} */
+/** @{ */
 /** Scene mode: 0 normal, 1 macro. */
 TALVORO_API Result GetSceneMode(DeviceHandle handle, unsigned char* value);
 TALVORO_API Result SetSceneMode(DeviceHandle handle, unsigned char value);
+/** @} */
+/** @{ */
 /** Special effect: 0 normal, 1 black and white, 2 greyscale, 3 negative, 4 sketch. */
 TALVORO_API Result GetSpecialEffect(DeviceHandle handle, unsigned char* value);
 TALVORO_API Result SetSpecialEffect(DeviceHandle handle, unsigned char value);
+/** @} */
+/** @{ */
 /** Denoise strength, 0..15. */
 TALVORO_API Result GetDenoise(DeviceHandle handle, unsigned char* value);
 TALVORO_API Result SetDenoise(DeviceHandle handle, unsigned char value);
+/** @} */
 
+/** @{ */
 /**
  * Auto-exposure region: mode 0 centre, 1 full frame, 2 manual; in mode 2 the window (1..8) is
  * centred at pixel (x, y) of a frameWidth x frameHeight image. The setter works only in the
@@ -606,28 +677,39 @@ TALVORO_API Result GetAutoExposureROI(DeviceHandle handle, unsigned char* mode,
 TALVORO_API Result SetAutoExposureROI(DeviceHandle handle, unsigned char mode,
                                       unsigned int frameWidth, unsigned int frameHeight,
                                       unsigned int x, unsigned int y, unsigned char window);
+/** @} */
 
+/** @{ */
 /** Orientation: 0 normal, 1 mirrored, 2 flipped, 3 both. Set only in modes 6 to 9, read in
  *  4 to 9. */
 TALVORO_API Result GetOrientation(DeviceHandle handle, unsigned char* value);
 TALVORO_API Result SetOrientation(DeviceHandle handle, unsigned char value);
+/** @} */
 
+/** @{ */
 /** Face detection on/off, embedding of the result in the frame, overlay (0 or 1 each). */
 TALVORO_API Result GetFaceDetection(DeviceHandle handle, unsigned char* detect,
                                     unsigned char* embed, unsigned char* overlay);
 TALVORO_API Result SetFaceDetection(DeviceHandle handle, unsigned char detect, unsigned char embed,
                                     unsigned char overlay);
+/** @} */
+/** @{ */
 /** Smile detection on/off and embedding of the result (0 or 1 each). */
 TALVORO_API Result GetSmileDetection(DeviceHandle handle, unsigned char* detect,
                                      unsigned char* embed);
 TALVORO_API Result SetSmileDetection(DeviceHandle handle, unsigned char detect,
                                      unsigned char embed);
+/** @} */
+/** @{ */
 /** Exposure compensation, 8000..1000000. */
 TALVORO_API Result GetExposureCompensation(DeviceHandle handle, unsigned int* value);
 TALVORO_API Result SetExposureCompensation(DeviceHandle handle, unsigned int value);
+/** @} */
+/** @{ */
 /** Colour frame rate, 1..120. */
 TALVORO_API Result GetFrameRateCtrl(DeviceHandle handle, unsigned char* value);
 TALVORO_API Result SetFrameRateCtrl(DeviceHandle handle, unsigned char value);
+/** @} */
 
 /* ---- Camera, IMU and board (any data mode) ---- */
 
@@ -635,15 +717,19 @@ TALVORO_API Result SetFrameRateCtrl(DeviceHandle handle, unsigned char value);
 TALVORO_API Result SetDefault(DeviceHandle handle);
 /** The camera's 64-bit unique ID. GetValueFailed when refused (*id untouched). */
 TALVORO_API Result GetUniqueID(DeviceHandle handle, unsigned long* id);
+/** @{ */
 /** Whether IMU samples are embedded in the frames (0 or 1). SetIMUEmbeddedData reports a
  *  refusal as GetValueFailed. */
 TALVORO_API Result GetIMUEmbeddedData(DeviceHandle handle, unsigned char* value);
 TALVORO_API Result SetIMUEmbeddedData(DeviceHandle handle, unsigned char value);
+/** @} */
 
+/** @{ */
 /** IMU configuration (see IMUCONFIG_TypeDef); it also sets the scales GetIMUValue applies.
  *  GetIMUConfig presets every byte to 0xFF. GetValueFailed / SetValueFailed when refused. */
 TALVORO_API Result SetIMUConfig(DeviceHandle handle, IMUCONFIG_TypeDef config);
 TALVORO_API Result GetIMUConfig(DeviceHandle handle, IMUCONFIG_TypeDef* config);
+/** @} */
 /**
  * Starts IMU capture with IMU_UPDATE_MODE 1: Ok. Any other mode, or a refusal, stops it:
  * SetValueFailed, with *control set to mode 2 and count 1.
@@ -657,9 +743,11 @@ TALVORO_API Result ControlIMUCapture(DeviceHandle handle, IMUDATAINPUT_TypeDef* 
  */
 TALVORO_API Result GetIMUValue(DeviceHandle handle, IMUDATAOUTPUT_TypeDef* samples);
 
+/** @{ */
 /** Board temperatures, the camera's raw 16-bit reading as a float (65535.0 on failure). */
 TALVORO_API Result GetBaseBoardTemperatureData(DeviceHandle handle, float* temperature);
 TALVORO_API Result GetLaserBoardTemperatureData(DeviceHandle handle, float* temperature);
+/** @} */
 
 /* ---- Frame processing settings ----
  * None of these talks to the camera; they take effect from the next processed frame, are
@@ -667,9 +755,11 @@ TALVORO_API Result GetLaserBoardTemperatureData(DeviceHandle handle, float* temp
  * they act on: depth (modes 0, 2, 4, 5), IR (0, 3, 4, 5), depth or IR (0 to 5).
  */
 
+/** @{ */
 /** IR gain 1..100 (default 16), modes with IR; InvalidValue outside. */
 TALVORO_API Result SetTOFIRGain(DeviceHandle handle, unsigned short gain);
 TALVORO_API Result GetTOFIRGain(DeviceHandle handle, unsigned short* gain);
+/** @} */
 
 /**
  * Toggles an averaging region (AvgRegion_Center or AvgRegion_Point; the two exclude each
@@ -695,9 +785,11 @@ TALVORO_API Result SetPositions(DeviceHandle handle, std::vector<DepthPtr>* posi
                                 unsigned char unused);
 
 /**
- * Depth filters, each on or off: type 0 spatial (median), 1 temporal (over the last frames),
- * 2 edge-preserving (bilateral). Modes with depth. Returns Ok once the camera and mode allow it,
- * also for an unknown type (which changes nothing).
+ * Depth filters, each on or off: type 0 spatial (a 5x5 median, then a bilateral filter), 1
+ * temporal (averaged with the last frames), 2 edge black-out (the colour map is black where a
+ * Sobel filter finds a strong depth edge, and where there is no depth). Modes with depth.
+ * Returns Ok once the camera and mode allow it, also for an unknown type (which changes
+ * nothing).
  */
 TALVORO_API Result SetFilterType(DeviceHandle handle, int type, bool on);
 /** Flying-pixel filter (non-zero on). Modes with depth. */
@@ -760,6 +852,95 @@ struct RawFrameInfo {
  */
 TALVORO_API Result GetRawFrame(DeviceHandle handle, uint8_t* buffer, uint32_t capacity,
                                RawFrameInfo* info);
+
+/* ---- Extension: frame time and point clouds ----
+ *
+ * EXTENSION to the camera's original interface, added for the Python module, the browser viewer
+ * and the DDS publisher: programs written against the original interface do not use it, and
+ * other implementations of this interface may lack it.
+ */
+
+/** What GetFrameInfo tells about the published frame (the one GetNextFrame processed last). */
+struct FrameInfo {
+    uint64_t sequence;      /**< the driver's frame sequence number, as RawFrameInfo::sequence:
+                                 it starts again at 0 when streaming restarts (open, SetDataMode);
+                                 a gap between two published frames counts the frames dropped */
+    uint64_t time_stamp_ns; /**< the driver's capture time stamp, CLOCK_MONOTONIC nanoseconds */
+    uint64_t wall_time_ns;  /**< the same instant on the wall clock (CLOCK_REALTIME nanoseconds
+                                 since the epoch), for aligning frames with other sensors: the
+                                 monotonic stamp plus the clocks' offset when it was processed */
+    DataMode data_mode;     /**< the data mode the frame was processed in */
+};
+
+/**
+ * EXTENSION. Describes the frame whose images GetToFFrame, GetFrames and GetPointCloud hand out,
+ * that is the frame the last successful GetNextFrame processed. ToFFrame::time_stamp is whole
+ * seconds; this is the precise time. Returns Ok; CameraNotOpened; TimeoutError when no frame has
+ * been processed since the camera was opened or its data mode changed; InvalidValue for a null
+ * info.
+ */
+TALVORO_API Result GetFrameInfo(DeviceHandle handle, FrameInfo* info);
+
+/** Flags of GetPointCloud. */
+enum PointCloudFlags : uint32_t {
+    PointCloud_Dense = 0,     /**< one point per pixel with depth, in row-major pixel order */
+    PointCloud_Organized = 1, /**< one point per pixel (width x height, row-major); pixels without
+                                   depth are NaN in x, y and z */
+    PointCloud_Colored = 2    /**< also fill `rgb` from the colour image (data modes 4 and 5) */
+};
+
+/** Which camera's coordinate frame the points of GetPointCloud are in. */
+enum PointCloudFrame : uint8_t {
+    PointCloud_DepthCamera = 0, /**< the depth camera's optical frame */
+    PointCloud_ColorCamera = 1  /**< the colour camera's (depth registered onto colour) */
+};
+
+/** What GetPointCloud tells about the cloud it wrote. */
+struct PointCloudInfo {
+    uint32_t count;        /**< points written, or needed when the capacity is too small */
+    uint16_t width;        /**< the depth image's columns (the organized cloud's width) */
+    uint16_t height;       /**< the depth image's rows */
+    PointCloudFrame frame; /**< the coordinate frame of the points */
+    uint64_t sequence;     /**< FrameInfo::sequence of the frame the cloud was made from */
+};
+
+/**
+ * EXTENSION. Turns the published depth image (GetToFFrame with RawDepth) into 3D points through
+ * the camera's calibration: x right, y down, z forward, float metres, three floats per point in
+ * `xyz`. The image's geometry, as the frame was processed (settings changed since apply to the
+ * next frame), decides the model:
+ *  - registered depth (SetRGBDMapping with the calibration it needs) uses the colour camera's
+ *    intrinsics and distortion (the HD set in data mode 5); a value is the colour camera's z, and
+ *    the points are in the colour camera's frame;
+ *  - otherwise the depth camera's intrinsics (the plain set; the HD set's when the camera lacks
+ *    it), with the lens distortion inverted per pixel unless the image is undistorted
+ *    (SetUnDistortion); planarized depth (SetPlanarization) is z, otherwise the distance along
+ *    the pixel's ray. Mapping switched on without its calibration leaves the depth camera's
+ *    geometry (and the doubled depth the frame carries).
+ * A frame costs a multiplication per coordinate: every pixel's ray is computed once per
+ * calibration and geometry (the first cloud of a geometry takes tens of milliseconds, for
+ * inverting the lens distortion).
+ *
+ * With PointCloud_Colored, `rgb` receives three bytes (red, green, blue) per point from the colour
+ * image of the same frame (UYVY converted as OpenCV's COLOR_YUV2RGB_UYVY): the pixel itself for
+ * registered depth, else the pixel the point projects onto through the colour calibration and the
+ * extrinsics. Points the colour camera does not see, and pixels without depth, are black.
+ *
+ * `capacity` counts points. With a capacity below the count nothing is written, info->count tells
+ * the count needed and the result is InvalidValue (null buffers with capacity 0 ask for it).
+ * The call waits for a GetNextFrame running on another thread, so that the cloud and
+ * info->sequence belong to the same frame.
+ * Returns Ok; CameraNotOpened; NotSupportedInDataMode in a mode without depth, or with
+ * PointCloud_Colored in a mode without colour; CalibrationDataNotFound when the camera has no
+ * usable calibration for the image (or, with PointCloud_Colored, for the colour camera);
+ * TimeoutError when no frame has been processed since the camera was opened or its data mode
+ * changed (a frame captured since the last GetNextFrame does not matter, unlike for GetToFFrame:
+ * the cloud is a copy, and info->sequence names its frame); InvalidValue for a null info, unknown
+ * flags, a null buffer with a non-zero capacity, or a capacity that is too small; OperationFailed
+ * when memory runs out.
+ */
+TALVORO_API Result GetPointCloud(DeviceHandle handle, uint32_t flags, float* xyz, uint8_t* rgb,
+                                 uint32_t capacity, PointCloudInfo* info);
 
 } /* extern "C" */
 

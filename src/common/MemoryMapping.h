@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <utility>
 
+#include "common/SysCall.h"
+
 namespace Talvoro {
 
 class MemoryMapping {
@@ -39,6 +41,7 @@ class MemoryMapping {
     bool unmap() {
         if (!start_) return true;
         const int r = ::munmap(std::exchange(start_, nullptr), std::exchange(length_, 0));
+        if (r != 0) recordSysCallFailure("munmap", errno);
         return r == 0;
     }
 

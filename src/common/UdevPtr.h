@@ -17,11 +17,15 @@ struct UdevEnumerateUnref {
 struct UdevDeviceUnref {
     void operator()(udev_device* p) const { udev_device_unref(p); }
 };
+struct UdevMonitorUnref {
+    void operator()(udev_monitor* p) const { udev_monitor_unref(p); }
+};
 
 using UdevPtr = std::unique_ptr<udev, UdevUnref>;
 using UdevEnumeratePtr = std::unique_ptr<udev_enumerate, UdevEnumerateUnref>;
 // A parent returned by udev_device_get_parent*() is owned by its child and is never wrapped.
 using UdevDevicePtr = std::unique_ptr<udev_device, UdevDeviceUnref>;
+using UdevMonitorPtr = std::unique_ptr<udev_monitor, UdevMonitorUnref>;
 
 }  // namespace Talvoro
 

@@ -9,6 +9,7 @@
 #include <mutex>
 
 #include "TalvoroSDK.h"
+#include "log/Log.h"
 
 namespace Talvoro {
 
@@ -50,6 +51,7 @@ inline void invoke(const std::shared_ptr<const CallbackSlot::Callback>& callback
     try {
         (*callback)(event, index);
     } catch (...) {
+        logCaughtException("a callback threw; ignored");
     }
 }
 

@@ -89,8 +89,13 @@ class Device : public TALVORODevice {
     Result isDeviceOpen() override;
     Result setDeviceIndex(unsigned int index, std::string label) override;
     Result getRawFrame(uint8_t* buffer, uint32_t capacity, RawFrameInfo* info) override;
+    Result getFrameInfo(FrameInfo* info) override;
+    Result getPointCloud(uint32_t flags, float* xyz, uint8_t* rgb, uint32_t capacity,
+                         PointCloudInfo* info) override;
 
-    // ---- Steps of the operations above ------------------------------------------------------
+    // ---- Parts of the operations above ------------------------------------------------------
+    // These keep their established names, mixed case included, because the capture code has
+    // always been described by them; helpers added since are private and all _camelCase.
 
     // Opens and checks the node, then starts capture in the driver's current format.
     bool _open(const char* path);
@@ -100,15 +105,16 @@ class Device : public TALVORODevice {
     // The buffer ladder: bufferCount, bufferCount - 1, ... 1 buffers until the driver grants at
     // least as many as asked; the granted number becomes bufferCount.
     bool requestBuffers();
-    // One VIDIOC_REQBUFS for `count` mmap buffers (0 frees them).
-    bool requestBuffers(int count);
+    // One VIDIOC_REQBUFS for `count` mmap buffers (0 frees them). Virtual, like stream(), so
+    // that a test can unplug the camera at this step.
+    virtual bool requestBuffers(int count);
     // Maps every granted buffer and allocates frameBuffer with the largest buffer's length.
     bool createBuffers();
     // Unmaps and frees the buffers and frameBuffer, and gives the buffers back to the driver.
     void releaseBuffers();
     // VIDIOC_STREAMON / VIDIOC_STREAMOFF. true when the call succeeded; `on` itself, without a
     // call, when streaming already is `on`; on a closed device true for a stop, false for a start.
-    bool stream(bool on);
+    virtual bool stream(bool on);
     // The acquisition thread: rounds of read_frame_v4l2 and the frame callback while streaming.
     void grabFrame(std::shared_ptr<std::atomic<bool>> run);
     // Waits up to 10 s for the node to become readable. A time-out is logged and notified.
@@ -135,6 +141,9 @@ class Device : public TALVORODevice {
     // Writes text + tag at `level` when the level passes the log's filter; the text is only
     // composed then.
     void _log(int level, const char* text) const;
+    // Under frameMutex: a frame (or a buffer refused in its place) is there for getframe; wakes
+    // a polling getframe.
+    void _announceFrame(bool refused);
     // Lets go of the last run's acquisition thread: joined when `join` (it has been told to
     // stop), else detached: when it ended by losing the stream it touches nothing of the
     // Device any more. On that thread itself it is always detached; it then leaves the Device
@@ -142,6 +151,25 @@ class Device : public TALVORODevice {
     void _retireCaptureThread(bool join);
     // Stops capture whatever happens, including a stop the driver refuses, and closes the node.
     void _shutdown();
+    // Whether the open node answers that its device is gone (ENODEV).
+    bool _nodeGone() const;
+    // Tells both notification callbacks (1, index) that the camera is lost, once per opening,
+    // whichever thread noticed first.
+    void _reportLoss();
+
+    // The frame a getframe takes, as the acquisition thread described it.
+    struct FrameStamp {
+        bool captured = false;  // false: the zeroed buffer before a capture run's first frame
+        uint64_t sequence = 0;
+        uint64_t timeNs = 0;
+        uint64_t generation = 0;  // publishedGeneration when the frame was taken
+    };
+    // Publishes the stamp of a frame getframe processed, unless initFrame or closeDevice came in
+    // between.
+    void _publish(const FrameStamp& stamp);
+    // Forgets the published frame: a new data mode (`mode`), or closed (a negative mode keeps
+    // the current one).
+    void _unpublish(int mode);
 
     NodeFd fd;
     std::atomic<uint32_t> deviceIndex{0};
@@ -169,9 +197,12 @@ class Device : public TALVORODevice {
 
     std::atomic<uint32_t> frameCount{0};
     bool newFrame = false;  // guarded by frameMutex
+    // The newest buffer was one the driver described impossibly; guarded by frameMutex.
+    bool frameRefused = false;
     std::atomic<uint64_t> loopCount{0};
     std::atomic<bool> timeoutNotify{true};
     std::atomic<bool> stopRequested{false};
+    std::atomic<bool> lossReported{false};
 
     std::mutex processMutex;
     mutable std::mutex frameMutex;
@@ -182,6 +213,13 @@ class Device : public TALVORODevice {
     // still seen by the next getframe.
     uint64_t signalledFrames = 0;
     uint64_t fetchedFrames = 0;
+
+    // What getFrameInfo reports, guarded by publishedMutex.
+    mutable std::mutex publishedMutex;
+    bool publishedValid = false;
+    FrameInfo published{};
+    int publishedMode = Depth_IR_RGB_VGA_Mode;
+    uint64_t publishedGeneration = 0;
 
     CallbackSlot frameCallback;
     CallbackSlot notificationCallback;

@@ -7,7 +7,7 @@
 #include <string>
 #include <system_error>
 
-#include "common/Xioctl.h"
+#include "common/SysCall.h"
 #include "device/Device.h"
 #include "frame/FrameLog.h"
 #include "log/Log.h"
@@ -29,7 +29,7 @@ bool Device::requestBuffers(int count) {
     request.count = static_cast<uint32_t>(count);
     request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     request.memory = V4L2_MEMORY_MMAP;
-    if (xioctl(fd.get(), VIDIOC_REQBUFS, &request) == -1) {
+    if (XIOCTL(fd.get(), VIDIOC_REQBUFS, &request) == -1) {
         const int err = errno;
         _log(7, err == EINVAL ? "\nTalvoroSDK:VIDEOIO(Device): no support for memory mapping "
                               : "\nTalvoroSDK:VIDEOIO(Device): failed VIDIOC_REQBUFS: ");
@@ -64,13 +64,14 @@ bool Device::createBuffers() {
     uint64_t largest = 0;
     for (uint32_t i = 0; i < count; ++i) {
         v4l2_buffer buffer = _bufferRecord(i);
-        if (xioctl(fd.get(), VIDIOC_QUERYBUF, &buffer) == -1) {
+        if (XIOCTL(fd.get(), VIDIOC_QUERYBUF, &buffer) == -1) {
             _log(7, "\nTalvoroSDK:VIDEOIO(Device): failed VIDIOC_QUERYBUF: ");
             return false;
         }
         void* start = ::mmap(nullptr, buffer.length, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(),
                              buffer.m.offset);
         if (start == MAP_FAILED) {
+            recordSysCallFailure("mmap", errno);
             _log(7, "\nTalvoroSDK:VIDEOIO(Device): failed mmap(): ");
             return false;  // the buffers mapped so far stay until releaseBuffers
         }
@@ -84,6 +85,7 @@ bool Device::createBuffers() {
         if (frameBuffer) {
             frameSize = largest;
             newFrame = false;
+            frameRefused = false;
             rawFrameBytes = 0;
             // Written on every successful creation at level 7, as it always has been.
             _log(7, "\nTalvoroSDK:memory allocation for the index : MAX_V4L_BUFFERS ");
@@ -98,6 +100,7 @@ void Device::releaseBuffers() {
     frameBuffer.reset();
     frameSize = 0;
     newFrame = false;
+    frameRefused = false;
     rawFrameBytes = 0;
     if (!buffersRequested) return;
     buffersRequested = false;
@@ -114,8 +117,12 @@ bool Device::stream(bool on) {
     // Tells the acquisition thread that its coming dequeue failure is no lost camera.
     if (!on) stopRequested = true;
     int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    if (xioctl(fd.get(), on ? VIDIOC_STREAMON : VIDIOC_STREAMOFF, &type) == -1) {
+    const int r =
+        on ? XIOCTL(fd.get(), VIDIOC_STREAMON, &type) : XIOCTL(fd.get(), VIDIOC_STREAMOFF, &type);
+    if (r == -1) {
         if (on) _log(7, "\nTalvoroSDK:VIDEOIO(Device): failed VIDIOC_STREAMON: ");
+        // The stream goes on: a dequeue failure from now on is a lost camera again.
+        if (!on) stopRequested = false;
         return false;
     }
     streaming = on;
@@ -139,7 +146,7 @@ int Device::initCapture(bool keepFormat) {
     }
     for (uint32_t i = 0; i < buffers.size(); ++i) {
         v4l2_buffer buffer = _bufferRecord(i);
-        if (xioctl(fd.get(), VIDIOC_QBUF, &buffer) == -1) {
+        if (XIOCTL(fd.get(), VIDIOC_QBUF, &buffer) == -1) {
             // Followed by the device index, not the error number: that is how it reads.
             _log(7, "\nTalvoroSDK:VIDEOIO(Device): failed VIDIOC_QBUF errno= ");
             return 0;  // the buffers stay mapped until the next deinitCapture
@@ -191,12 +198,8 @@ int Device::deinitCapture() {
     }
     if (buffersRequested) releaseBuffers();
 
-    frameProcessor->updateScaling();
-    {
-        // The averages of the next run are computed afresh from its first frame.
-        std::lock_guard<std::mutex> lock(frameProcessor->frameMutex);
-        frameProcessor->processingFlags |= TalvoroFrame::kAverageDue;
-    }
+    // The averages of the next run are computed afresh from its first frame.
+    frameProcessor->markAveragesDue();
     frameSignalled = false;
     {
         std::lock_guard<std::mutex> lock(waitMutex);
@@ -219,6 +222,7 @@ void Device::_shutdown() {
 
 int Device::closeDevice() {
     _shutdown();
+    _unpublish(-1);
     frameProcessor->releaseHistory();
     frameProcessor->resetToDefaults();
     return 1;

@@ -1,11 +1,8 @@
 // Device: the object itself, opening the video node and negotiating the capture format.
-#include <fcntl.h>
-
 #include <cstring>
 #include <string>
 
-#include "common/Eintr.h"
-#include "common/Xioctl.h"
+#include "common/SysCall.h"
 #include "device/Device.h"
 #include "frame/FrameLog.h"
 #include "log/Log.h"
@@ -38,10 +35,12 @@ Device::~Device() {
     } catch (...) {
         // Only the logger throws (out of memory). A thread still held would end the process in
         // std::thread's destructor: stop and let go of it.
+        logCaughtException("~Device");
         streaming = false;
         try {
             _retireCaptureThread(true);
         } catch (...) {
+            logCaughtException("~Device");
         }
     }
 }
@@ -80,25 +79,32 @@ bool Device::open(DeviceInfo info) {
     // A second open would leave the running capture on a descriptor that is about to close.
     if (fd.isValid()) _shutdown();
     const std::string path(info.devicePath, strnlen(info.devicePath, sizeof info.devicePath));
+    lossReported = false;
+    // The history is in place before the capture thread starts: from then on a frame callback may
+    // process frames, or even destroy this Device, while open has not returned.
+    frameProcessor->allocateHistory();
     if (!_open(path.c_str())) {
+        frameProcessor->releaseHistory();
         if (frame::logPasses(7))
             writeLog(7, "\nTalvoroSDK:VIDEOIO(Device:" + std::to_string(deviceIndex.load()) +
                             "): can't open camera by index    " + _label());
         return false;
     }
-    frameProcessor->allocateHistory();
     return true;
 }
 
 bool Device::_open(const char* path) {
     bufferCount = 3;
-    fd.reset(retryOnEintr([&] { return ::open(path, O_RDWR | O_NONBLOCK); }));
-    if (!fd.isValid()) return false;
+    fd.reset(openNode(path));
+    if (!fd.isValid()) {
+        logPermissionDenied(path, errno);
+        return false;
+    }
 
     // The descriptor stays open on the failures below: closeDevice closes it.
     capability = v4l2_capability{};
     const std::string device = "\nTalvoroSDK:VIDEOIO(Device:" + std::to_string(deviceIndex.load());
-    if (xioctl(fd.get(), VIDIOC_QUERYCAP, &capability) == -1) {
+    if (XIOCTL(fd.get(), VIDIOC_QUERYCAP, &capability) == -1) {
         writeLog(7, device + "): Unable to query capability    " + _label());
         return false;
     }
@@ -120,7 +126,7 @@ bool Device::try_format() {
     format.fmt.pix.pixelformat = pixelFormat;
     format.fmt.pix.width = width;
     format.fmt.pix.height = height;
-    if (xioctl(fd.get(), VIDIOC_S_FMT, &format) == -1) {
+    if (XIOCTL(fd.get(), VIDIOC_S_FMT, &format) == -1) {
         _log(7, "\nTalvoroSDK:VIDIOC_S_FMT: ");
         return false;
     }
@@ -137,13 +143,16 @@ int Device::setFormat(unsigned int newWidth, unsigned int newHeight, unsigned in
     else if (formatCode == 1)
         pixelFormat = kFormatY16;
     deinitCapture();
-    return initCapture(false);
+    const int started = initCapture(false);
+    // A camera lost on the way leaves no acquisition thread to notice it: this thread tells.
+    if (!started && _nodeGone()) _reportLoss();
+    return started;
 }
 
 int Device::getFormat(unsigned int* outWidth, unsigned int* outHeight, unsigned int* formatCode) {
     v4l2_format format{};
     format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    if (xioctl(fd.get(), VIDIOC_G_FMT, &format) == -1) {
+    if (XIOCTL(fd.get(), VIDIOC_G_FMT, &format) == -1) {
         // "errno" is followed by the device index: that is how the line has always read.
         _log(7,
              "\nTalvoroSDK:VIDEOIO(Device):Could not obtain specifics of capture window "

@@ -5,24 +5,8 @@
 
 namespace Talvoro {
 
-namespace {
-
-// The VGA calibration set: what undistortion and mapping need.
-bool calibrationComplete(const TalvoroFrame& processor) {
-    return (processor.calibValidFlags & TalvoroFrame::kVgaCalibration) ==
-           TalvoroFrame::kVgaCalibration;
-}
-
-void setFlag(TalvoroFrame& processor, uint32_t flag, bool on) {
-    if (on)
-        processor.processingFlags |= flag;
-    else
-        processor.processingFlags &= ~flag;
-}
-
-}  // namespace
-
 Result Device::initFrame(DataMode mode) {
+    _unpublish(mode);
     const int result = frameProcessor->initFrame(mode);
     return result < 0 ? static_cast<Result>(result) : Ok;
 }
@@ -41,13 +25,13 @@ Result Device::updateDepthRange(unsigned short range) {
 
 Result Device::setTOFIRGain(unsigned short gain) {
     if (gain < 1 || gain > 100) return setError(InvalidValue);
-    frameProcessor->irGain = gain;
+    frameProcessor->setIRGain(gain);
     return setError(Ok);
 }
 
 Result Device::getTOFIRGain(unsigned short* gain) {
     if (!gain) return setError(InvalidValue);
-    *gain = frameProcessor->irGain;
+    *gain = frameProcessor->settings().irGain;
     return setError(Ok);
 }
 
@@ -77,8 +61,8 @@ Result Device::setPlanarization(int on) {
 Result Device::updateAvgXandY(int windowWidth, int windowHeight) {
     if (windowWidth < 4 || windowWidth > 600 || windowHeight < 4 || windowHeight > 400)
         return setError(OperationFailed);
-    frameProcessor->avgWindowWidth = static_cast<uint16_t>(windowWidth);
-    frameProcessor->avgWindowHeight = static_cast<uint16_t>(windowHeight);
+    frameProcessor->setAveragingWindow(static_cast<uint16_t>(windowWidth),
+                                       static_cast<uint16_t>(windowHeight));
     return setError(Ok);
 }
 
@@ -88,22 +72,21 @@ Result Device::updateColorMap(int min, int max, int colormap) {
 }
 
 Result Device::setAvgIRDisplay(unsigned char on) {
-    frameProcessor->avgIRDisplay = on != 0;
+    frameProcessor->setAvgIRDisplay(on != 0);
     return setError(Ok);
 }
 
 Result Device::getDepthIRValues(int* depthAverage, int* depthSpread, int* irMean, int* irSpread) {
     if (!depthAverage || !depthSpread || !irMean || !irSpread) return setError(InvalidValue);
-    TalvoroFrame& processor = *frameProcessor;
-    processor.calculateAverages();
-    const int mode = processor.dataMode;
+    const TalvoroFrame::Averages averages = frameProcessor->calculateAverages();
+    const int mode = frameProcessor->currentDataMode();
     const bool depth = mode != 3;
     const bool ir = mode != 2;
-    *depthAverage = depth ? static_cast<int>(processor.avgDepth.load()) : 0;
-    *depthSpread = depth ? processor.depthStdDev.load() : 0;
-    *irMean = ir ? processor.irMean.load() : 0;
-    *irSpread = ir ? processor.irStdDev.load() : 0;
-    processor.clearAverages();
+    *depthAverage = depth ? static_cast<int>(averages.avgDepth) : 0;
+    *depthSpread = depth ? averages.depthStdDev : 0;
+    *irMean = ir ? averages.irMean : 0;
+    *irSpread = ir ? averages.irStdDev : 0;
+    frameProcessor->clearAverages();
     return setError(Ok);
 }
 
@@ -116,23 +99,23 @@ Result Device::obtainCalibParams(unsigned short hd, unsigned short validMask, cv
 }
 
 Result Device::setUnDistortion(int on) {
-    if (on && !calibrationComplete(*frameProcessor)) return setError(CalibrationDataNotFound);
-    setFlag(*frameProcessor, TalvoroFrame::kUndistortion, on != 0);
+    if (on && !frameProcessor->calibrationComplete()) return setError(CalibrationDataNotFound);
+    frameProcessor->setProcessingFlags(TalvoroFrame::kUndistortion, on != 0);
     return setError(Ok);
 }
 
 Result Device::setRGBDMapping(int on) {
     if (on) {
-        const int mode = frameProcessor->dataMode;
+        const int mode = frameProcessor->currentDataMode();
         if (mode != 4 && mode != 5) return setError(NotSupportedInDataMode);
-        if (!calibrationComplete(*frameProcessor)) return setError(CalibrationDataNotFound);
+        if (!frameProcessor->calibrationComplete()) return setError(CalibrationDataNotFound);
     }
-    setFlag(*frameProcessor, TalvoroFrame::kRgbdMapping, on != 0);
+    frameProcessor->setProcessingFlags(TalvoroFrame::kRgbdMapping, on != 0);
     return setError(Ok);
 }
 
 Result Device::setFlyingPixelFilter(int on) {
-    setFlag(*frameProcessor, TalvoroFrame::kFlyingPixel, on != 0);
+    frameProcessor->setProcessingFlags(TalvoroFrame::kFlyingPixel, on != 0);
     return setError(Ok);
 }
 

@@ -8,6 +8,10 @@
 // may call back into the Device, close it or destroy it. Starting and stopping capture (open,
 // initCapture, setFormat, deinitCapture, closeDevice) is not meant for two threads at once,
 // except closeDevice from the hot-plug handler while the application closes too.
+//
+// Why an interface: the API layer holds a camera's capture device through it, so the registry
+// and the exports depend neither on V4L2 nor on the frame processor, and another implementation
+// (a replayed recording, a test double) can stand in without touching them.
 #ifndef TALVORO_DEVICE_TALVORO_DEVICE_H
 #define TALVORO_DEVICE_TALVORO_DEVICE_H
 
@@ -128,6 +132,16 @@ class TALVORODevice {
     // -18 while no capture buffer exists; -17 when no frame arrived in this capture run; -13
     // for a null info, or a capacity below the size (then only info->size is written).
     virtual Result getRawFrame(uint8_t* buffer, uint32_t capacity, RawFrameInfo* info) = 0;
+
+    // The frame getframe processed last: its driver sequence number and time stamps, and the
+    // data mode of initFrame. 1; -17 when no frame has been processed since the last initFrame
+    // (or close); -13 for a null info.
+    virtual Result getFrameInfo(FrameInfo* info) = 0;
+    // The frame processor's point cloud of that frame, with its sequence number in
+    // info->sequence; never beside a getframe, so that both describe the same frame. Results as
+    // GetPointCloud.
+    virtual Result getPointCloud(uint32_t flags, float* xyz, uint8_t* rgb, uint32_t capacity,
+                                 PointCloudInfo* info) = 0;
 };
 
 }  // namespace Talvoro

@@ -1,15 +1,14 @@
 #include "enumerator/Enumerator.h"
 
-#include <fcntl.h>
 #include <linux/videodev2.h>
 
 #include <bitset>
 #include <cstdio>
 #include <cstring>
 
+#include "common/SysCall.h"
 #include "common/UdevPtr.h"
 #include "common/UniqueFd.h"
-#include "common/Xioctl.h"
 #include "log/TALVOROError.h"
 
 namespace Talvoro {
@@ -41,10 +40,10 @@ Result Enumerator::deInitialize() {
 }
 
 Result Enumerator::isValidNode(std::string devicePath) {
-    UniqueFd fd(::open(devicePath.c_str(), O_RDWR | O_NONBLOCK));
+    UniqueFd fd(openNode(devicePath.c_str()));
     if (!fd.isValid()) return setError(CameraNotOpened);
     v4l2_capability cap{};
-    if (xioctl(fd.get(), VIDIOC_QUERYCAP, &cap) == -1) return setError(SysCallFail);
+    if (XIOCTL(fd.get(), VIDIOC_QUERYCAP, &cap) == -1) return setError(SysCallFail);
     fd.reset();
     // The camera's metadata node differs from its capture node by this one bit.
     if (cap.device_caps & V4L2_CAP_META_CAPTURE) return setError(InvalidNode);

@@ -1,4 +1,7 @@
 // Finding the cameras: the enumerator's interface.
+//
+// Why an interface: the registry finds cameras through it, so it depends on neither udev nor
+// the node naming, and a scan can be replaced as a whole.
 #ifndef TALVORO_ENUMERATOR_TALVORO_ENUMERATOR_H
 #define TALVORO_ENUMERATOR_TALVORO_ENUMERATOR_H
 

@@ -7,6 +7,8 @@
 
 #include <opencv2/core.hpp>
 
+#include "frame/WorkerPool.h"
+
 namespace Talvoro::frame {
 
 constexpr int kColorMapCount = 22;  // OpenCV's COLORMAP_AUTUMN (0) to COLORMAP_DEEPGREEN (21)
@@ -17,8 +19,22 @@ constexpr int kColorMapCount = 22;  // OpenCV's COLORMAP_AUTUMN (0) to COLORMAP_
 const uint32_t* colorMapTable(int type);
 
 // dst (CV_8UC3, src's size, reallocated only when it does not fit) = table colours of src
-// (CV_8UC1).
-void applyColorTable(const cv::Mat& src, cv::Mat& dst, const uint32_t* table);
+// (CV_8UC1), in row bands on the pool.
+void applyColorTable(const cv::Mat& src, cv::Mat& dst, const uint32_t* table, WorkerPool& pool);
+
+// One row: out (3 bytes per pixel) = the table colours of in.
+void colourRow(const uint8_t* in, uint8_t* out, int width, const uint32_t* table);
+
+// A table's colours for rows with a mask: entry g (below 256) is the colour of grey g, but
+// black for grey 0; entries from 256 on are black.
+struct MaskedColours {
+    explicit MaskedColours(const uint32_t* table);
+    uint32_t entry[512];
+};
+
+// One row: out = the colours of in, black where in is 0 or mask is 255.
+void colourRowMasked(const uint8_t* in, const uint8_t* mask, uint8_t* out, int width,
+                     const MaskedColours& colours);
 
 }  // namespace Talvoro::frame
 

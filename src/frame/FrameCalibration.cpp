@@ -31,8 +31,8 @@ void TalvoroFrame::getCalibrationData(uint16_t hd, uint16_t mask, cv::Mat depthM
                                       cv::Mat rgbDistortionCoeffs, cv::Mat extrinsicMatrix,
                                       cv::Mat) {
     try {
+        _change([mask](Settings& s) { s.calibValidFlags = mask; });
         std::lock_guard<std::mutex> lock(frameMutex);
-        calibValidFlags = mask;
         cv::Mat* set[5] = {&depthCameraMatrix, &depthDistortion, &rgbCameraMatrix, &rgbDistortion,
                            &extrinsic};
         if (hd) {
@@ -56,6 +56,7 @@ void TalvoroFrame::getCalibrationData(uint16_t hd, uint16_t mask, cv::Mat depthM
                                hd ? cv::Size(1280, 720) : cv::Size(640, 480));
     } catch (...) {
         // Out of memory while copying: the set is left unusable rather than half prepared.
+        _logCaught("getCalibrationData");
         (hd ? hdUndistort : vgaUndistort).clear();
         (hd ? hdRegistration : vgaRegistration).clear();
     }
@@ -63,36 +64,33 @@ void TalvoroFrame::getCalibrationData(uint16_t hd, uint16_t mask, cv::Mat depthM
 
 int TalvoroFrame::createThetaMat() {
     try {
+        const bool calibrated = calibrationComplete();
         std::lock_guard<std::mutex> lock(frameMutex);
         double cx = 320, cy = 240;
         const cv::Mat& k = depthCameraMatrix;
-        if ((calibValidFlags & kVgaCalibration) == kVgaCalibration && k.rows == 3 && k.cols == 3 &&
-            k.channels() == 1 && (k.depth() == CV_32F || k.depth() == CV_64F)) {
+        if (calibrated && k.rows == 3 && k.cols == 3 && k.channels() == 1 &&
+            (k.depth() == CV_32F || k.depth() == CV_64F)) {
             cx = k.depth() == CV_64F ? k.at<double>(0, 2) : k.at<float>(0, 2);
             cy = k.depth() == CV_64F ? k.at<double>(1, 2) : k.at<float>(1, 2);
         }
         const frame::LensModel model{thetaCoeff0, thetaCoeff1, thetaCoeff2, thetaCoeff3,
                                      tofisPitch};
-        const frame::ThetaScratch last = frame::fillThetaTable(thetaMat, cx, cy, model);
-        theta = last.theta;
-        rho = last.rho;
-        sensorX = last.sensorX;
-        sensorY = last.sensorY;
+        frame::fillThetaTable(thetaMat, cx, cy, model);
         thetaMat.convertTo(thetaFloat, CV_32F);
     } catch (...) {
         // Out of memory for the float copy: planarization then reads the doubles only.
+        _logCaught("createThetaMat");
         thetaFloat.release();
     }
-    avgX = 320;
-    avgY = 240;
+    _change([](Settings& s) {
+        s.avgX = 320;
+        s.avgY = 240;
+    });
     return 1;
 }
 
 int TalvoroFrame::setPlanarization(int on) {
-    if (on)
-        processingFlags |= kPlanarization;
-    else
-        processingFlags &= ~kPlanarization;
+    setProcessingFlags(kPlanarization, on != 0);
     if (frame::logPasses(1)) {
         char text[160];
         std::snprintf(text, sizeof text, "\nTalvoroSDK:    1<<48:%lld    tofis_pitch:%f",

@@ -61,12 +61,14 @@ int TalvoroFrame::getToFFrame(FrameType type, ToFFrame* frame) {
                 image = &rgbFrame;
                 format = PixelFormat_UYVY;
                 break;
-            case RawDepth:
+            case RawDepth: {
                 valid = tof || mode == 2;
-                image = _usesRegisteredDepth(mode, processingFlags, calibValidFlags)
+                const Settings s = settings();
+                image = _usesRegisteredDepth(mode, s.processingFlags, s.calibValidFlags)
                             ? &registeredDepth
                             : &depthFrame;
                 break;
+            }
             default:
                 break;  // no image, and no error either
         }
@@ -80,13 +82,14 @@ int TalvoroFrame::getToFFrame(FrameType type, ToFFrame* frame) {
 void TalvoroFrame::fillFrames(Frames* frames) {
     if (!frames) return;
     *frames = Frames{};
+    const Settings s = settings();
     std::lock_guard<std::mutex> lock(frameMutex);
     const int mode = dataMode;
     const int64_t time = timestamp;
     const bool depthModes = mode >= 0 && mode <= 5;
     if (depthModes && mode != 3) {
         describe(&frames->depth_colormap_frame, depthcolormap, PixelFormat_BGR, time);
-        const bool registered = _usesRegisteredDepth(mode, processingFlags, calibValidFlags);
+        const bool registered = _usesRegisteredDepth(mode, s.processingFlags, s.calibValidFlags);
         describe(&frames->raw_depth_frame, registered ? registeredDepth : depthFrame,
                  PixelFormat_16Bit, time);
     }
@@ -94,36 +97,45 @@ void TalvoroFrame::fillFrames(Frames* frames) {
     if (depthModes && mode != 2) describe(&frames->ir_frame, irFrame, PixelFormat_16Bit, time);
 }
 
-void TalvoroFrame::_placeAverageWindow(const FrameSettings&) {
-    const uint32_t regions = avgRegionMode;
+void TalvoroFrame::_placeAverageWindow(const FrameSettings& s) {
+    const uint32_t regions = s.avgRegionMode;
     if (regions == 0) return;
-    const cv::Size size = _averagingSize(dataMode, processingFlags);
+    const cv::Size size = _averagingSize(s.mode, s.processingFlags);
+    int x = s.avgX, y = s.avgY;
+    const bool moved = regions & 3;
     if (regions & 1) {
-        avgX = size.width / 2;
-        avgY = size.height / 2;
+        x = size.width / 2;
+        y = size.height / 2;
     } else if (regions & 2) {
-        const int x = avgX, y = avgY;
         if (x < 0 || y < 0) return;
-        const int hw = avgWindowWidth / 2, hh = avgWindowHeight / 2;
+        const int hw = s.avgWindowWidth / 2, hh = s.avgWindowHeight / 2;
         // In 64 bits: the point may be anywhere up to INT32_MAX.
-        avgX = int64_t(x) + hw < size.width ? std::max(x, hw) : size.width - hw;
-        avgY = int64_t(y) + hh < size.height ? std::max(y, hh) : size.height - hh;
+        x = int64_t(x) + hw < size.width ? std::max(x, hw) : size.width - hw;
+        y = int64_t(y) + hh < size.height ? std::max(y, hh) : size.height - hh;
     }
-    if ((processingFlags & kAverageDue) && avgX >= 0 && avgY >= 0) {
-        processingFlags &= ~kAverageDue;
+    bool due = false;
+    _change([&](Settings& live) {
+        if (moved) {
+            live.avgX = x;
+            live.avgY = y;
+        }
+        due = (live.processingFlags & kAverageDue) && x >= 0 && y >= 0;
+        if (due) live.processingFlags &= ~kAverageDue;
+    });
+    if (due) {
         std::lock_guard<std::mutex> lock(frameMutex);
-        _calculateAvgDepthIR(avgX, avgY, true);
+        _calculateAvgDepthIR(x, y, true, s);
     }
 }
 
-void TalvoroFrame::_calculateAvgDepthIR(int x, int y, bool draw) {
+void TalvoroFrame::_calculateAvgDepthIR(int x, int y, bool draw, const Settings& s) {
     const int mode = dataMode;
-    const uint32_t flags = processingFlags;
+    const uint32_t flags = s.processingFlags;
     const cv::Size size = _averagingSize(mode, flags);
     const int W = size.width, H = size.height;
     if (unsigned(x) > unsigned(W - 1) || unsigned(y) > unsigned(H - 1)) return;
 
-    const int ww = avgWindowWidth, wh = avgWindowHeight, hw = ww / 2, hh = wh / 2;
+    const int ww = s.avgWindowWidth, wh = s.avgWindowHeight, hw = ww / 2, hh = wh / 2;
     int left = x < hw ? 0 : x - hw;
     int top = y < hh ? 0 : y - hh;
     // The label goes below the window, or above it near the bottom edge.
@@ -133,12 +145,12 @@ void TalvoroFrame::_calculateAvgDepthIR(int x, int y, bool draw) {
     if (y > H - hh) top = H - hh;
     const cv::Rect window(left, top, ww, wh);
     const bool canDraw = draw && depthcolormap.type() == CV_8UC3 && !depthcolormap.empty();
-    const cv::Scalar colour = cursorColor();
+    const cv::Scalar colour(s.cursorColor[0], s.cursorColor[1], s.cursorColor[2], s.cursorColor[3]);
     char text[32];
 
     if (mode == 0 || mode == 1 || mode == 2 || mode == 4 || mode == 5) {
         const cv::Mat& depth =
-            _usesRegisteredDepth(mode, flags, calibValidFlags) ? registeredDepth : depthFrame;
+            _usesRegisteredDepth(mode, flags, s.calibValidFlags) ? registeredDepth : depthFrame;
         // Pixels of the window beyond the image do not exist: they are neither valid nor
         // counted in the spread.
         const cv::Rect inside = window & cv::Rect(0, 0, depth.cols, depth.rows);
@@ -155,7 +167,7 @@ void TalvoroFrame::_calculateAvgDepthIR(int x, int y, bool draw) {
         const uint64_t quarter = (uint64_t(ww) * uint64_t(wh)) >> 2;
         const bool enough = count > 0 && count >= quarter;
         const uint64_t mean = enough ? sum / count : 0;
-        avgDepth = mean;
+        averageResults.avgDepth = mean;
         if (frame::logPasses(3)) writeLog(3, "\nTalvoroSDK:Avg depth value : " + _tag());
         // Zeros enter the spread's sum but not its count: intended.
         uint64_t squares = 0;
@@ -167,7 +179,7 @@ void TalvoroFrame::_calculateAvgDepthIR(int x, int y, bool draw) {
                 squares += uint64_t(d * d);
             }
         }
-        depthStdDev = enough ? int32_t(integerSqrt(squares / count)) : 0;
+        averageResults.depthStdDev = enough ? int32_t(integerSqrt(squares / count)) : 0;
         if (canDraw) {
             std::snprintf(text, sizeof text, "%d mm", int(mean));
             frame::drawLabel(depthcolormap, text, cv::Point(tx, ty), colour);
@@ -175,20 +187,20 @@ void TalvoroFrame::_calculateAvgDepthIR(int x, int y, bool draw) {
     }
 
     const bool mapped = (mode == 4 || mode == 5) && (flags & kRgbdMapping);
-    if (avgIRDisplay && (mode == 0 || mode == 1 || mode == 3 || mode == 4 || mode == 5) &&
+    if (s.avgIRDisplay && (mode == 0 || mode == 1 || mode == 3 || mode == 4 || mode == 5) &&
         !mapped) {
         const cv::Rect inside = window & cv::Rect(0, 0, rawIRFrame.cols, rawIRFrame.rows);
         cv::Scalar mean(0), deviation(0);
         if (!inside.empty()) cv::meanStdDev(rawIRFrame(inside), mean, deviation);
-        irMean = int32_t(mean[0]);
-        irStdDev = int32_t(deviation[0]);
+        averageResults.irMean = int32_t(mean[0]);
+        averageResults.irStdDev = int32_t(deviation[0]);
         if (canDraw) {
-            std::snprintf(text, sizeof text, "%d", int(irMean));
+            std::snprintf(text, sizeof text, "%d", int(averageResults.irMean));
             frame::drawLabel(depthcolormap, text, cv::Point(tx, ty + 15), colour);
         }
     }
     if (canDraw) cv::rectangle(depthcolormap, window, colour, 1, cv::LINE_8);
-    processingFlags |= kAverageDue;
+    markAveragesDue();
     TALVOROError::cErrorNo = Ok;
 }
 

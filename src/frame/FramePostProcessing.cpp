@@ -24,7 +24,7 @@ void TalvoroFrame::flyingPixelFilter(cv::Mat src, int width, int height, int dep
     const uintptr_t dstEnd = uintptr_t(dst.ptr(height - 1)) + size_t(width) * 2;
     if (srcBegin < dstEnd && dstBegin < srcEnd) return;
 
-    // The outer frame stays 0; the workers write the whole interior.
+    // The outer frame stays 0; the row bands cover the whole interior.
     for (int r = 0; r < height; ++r) {
         uint16_t* row = dst.ptr<uint16_t>(r);
         if (r == 0 || r == height - 1 || width < 3) {
@@ -42,20 +42,21 @@ void TalvoroFrame::flyingPixelFilter(cv::Mat src, int width, int height, int dep
     const uint16_t* in = src.ptr<uint16_t>();
     uint16_t* out = dst.ptr<uint16_t>();
     const ptrdiff_t inStride = ptrdiff_t(src.step1()), outStride = ptrdiff_t(dst.step1());
-    workers.split(size_t(height - 2), [&](size_t begin, size_t end) {
+    workers.forEach(size_t(height - 2), workers.pieces(), [&](size_t begin, size_t end, unsigned) {
         frame::flyingPixelRows(in, inStride, out, outStride, 1 + int(begin), 1 + int(end), 1,
                                width - 1, limit);
     });
 }
 
-const uint32_t* TalvoroFrame::_colorTable() const {
+const uint32_t* TalvoroFrame::_colorTable(uint8_t colorMapType) {
     const uint32_t* table = frame::colorMapTable(colorMapType);
     return table ? table : frame::colorMapTable(4);
 }
 
 void TalvoroFrame::post_processing(const cv::Mat& src) {
-    const uint8_t filters = filterFlags;
-    const uint32_t* table = _colorTable();
+    const Settings s = settings();
+    const uint8_t filters = s.filterFlags;
+    const uint32_t* table = _colorTable(s.colorMapType);
     if (src.empty() || src.type() != CV_8UC1) {
         depthcolormap.release();
         return;
@@ -64,32 +65,22 @@ void TalvoroFrame::post_processing(const cv::Mat& src) {
     if (filters & kSpatialFilter) {
         static_assert(medianKernel == 5 && bilateralDiameter == 5 && bilateralSigma == 200,
                       "frame::spatialFilter computes exactly these parameters");
-        frame::spatialFilter(src, {spatialTemp, spatialFiltered, spatialPadded, spatialLanes});
+        frame::spatialFilter(src, {spatialTemp, spatialFiltered, spatialScratch}, workers);
         input = &spatialFiltered;
     }
     if (filters & kEdgeFilter) {
-        _edgeFilter(*input);
+        _edgeFilter(*input, table);
     } else {
-        frame::applyColorTable(*input, depthcolormap, table);
+        frame::applyColorTable(*input, depthcolormap, table, workers);
     }
 }
 
-void TalvoroFrame::_edgeFilter(const cv::Mat& input) {
+void TalvoroFrame::_edgeFilter(const cv::Mat& input, const uint32_t* table) {
     static_assert(sobelDx == 2 && sobelDy == 2 && sobelKernel == 5 && erodeKernel == 3 &&
                       sobelWeightX == 1.0 && sobelWeightY == 1.0,
                   "frame::edgeMask computes exactly these parameters");
-    frame::applyColorTable(input, depthcolormap, _colorTable());
-    if (input.rows < 3 || input.cols < 3) return;  // too small for the kernels: no edges
-    frame::edgeMask(input, {sobelX, sobelY, edgeMagnitude, edgeMask, rowDerivative, rowSmooth});
     // Black where there is no depth or on a strong edge.
-    for (int r = 0; r < input.rows; ++r) {
-        const uint8_t* in = input.ptr<uint8_t>(r);
-        const uint8_t* edge = edgeMask.ptr<uint8_t>(r);
-        uint8_t* out = depthcolormap.ptr<uint8_t>(r);
-        for (int c = 0; c < input.cols; ++c) {
-            if (in[c] == 0 || edge[c] == 255) std::memset(out + 3 * c, 0, 3);
-        }
-    }
+    frame::colourWithEdges(input, table, depthcolormap, {edgeMask, edgeScratch}, workers);
 }
 
 }  // namespace Talvoro

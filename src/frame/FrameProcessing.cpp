@@ -52,6 +52,7 @@ int TalvoroFrame::initFrame(int mode) {
     try {
         std::lock_guard<std::mutex> lock(frameMutex);
         dataMode = mode;
+        published_ = FrameSettings::none();
         ensureZeroed(depthFrame, kHeight, kWidth, CV_16UC1);
         if (mode >= 4 && mode <= 9) {
             const ColourMode& c = kColourModes[mode - 4];
@@ -68,13 +69,13 @@ int TalvoroFrame::initFrame(int mode) {
         frameLength = 0;
         frameBytes = 0;
     } catch (...) {
+        _logCaught("initFrame");
         return OperationFailed;
     }
     return 1;
 }
 
 int TalvoroFrame::setupFrame(unsigned char* buffer, int size) {
-    updateScaling();
     std::unique_lock<std::mutex> lock(frameMutex);
     if (frameSeparateBuf) {
         if (size == 0) {
@@ -107,7 +108,11 @@ int TalvoroFrame::setupFrame(unsigned char* buffer, int size) {
 }
 
 TalvoroFrame::FrameSettings TalvoroFrame::_snapshot() const {
-    return {dataMode, processingFlags, filterFlags, calibValidFlags, irGain, depthRange == 1};
+    FrameSettings s;
+    static_cast<Settings&>(s) = settings();
+    s.mode = dataMode;
+    s.farRange = depthRange == 1;
+    return s;
 }
 
 int TalvoroFrame::processFrame() {
@@ -118,7 +123,10 @@ int TalvoroFrame::processFrame() {
             std::lock_guard<std::mutex> lock(frameMutex);
             settings = _snapshot();
             result = _separate(settings);
-            if (result == Ok) timestamp = captureTimestamp.load();
+            if (result == Ok) {
+                timestamp = captureTimestamp.load();
+                published_ = settings;
+            }
         }
         if (result != Ok) {
             if (result == InvalidFrameBuffer)
@@ -129,6 +137,7 @@ int TalvoroFrame::processFrame() {
         return setError(Ok);
     } catch (...) {
         // Out of memory in an image allocation, or OpenCV refusing one of its calls.
+        _logCaught("processFrame");
         return setError(OperationFailed);
     }
 }
@@ -157,30 +166,27 @@ int TalvoroFrame::_separate(const FrameSettings& s) {
 
 int TalvoroFrame::_getDepthIRFrame(const unsigned char* raw, const FrameSettings& s) {
     if (!raw || frameBytes < 2 * kImageBytes) return InvalidFrameBuffer;
-    frame::separateRowPairs(raw, depthFrame, rawIRFrame, irFrame, s.gain);
-    if (s.filters & kTemporalFilter) {
-        temporalBusy = 1;
-        _temporalFilter(s);
-        temporalBusy = 0;
-    }
-    if (s.flags & kPlanarization) _planarize(s);
-    if (s.flags & kUndistortion) _undistort();
-    if (s.flags & kFlyingPixel) _flyingPixel(s, false);
+    frame::separateRowPairs(raw, depthFrame, rawIRFrame, irFrame, s.irGain);
+    if (s.filterFlags & kTemporalFilter) _temporalFilter();
+    if (s.processingFlags & kPlanarization) _planarize();
+    if (s.processingFlags & kUndistortion) _undistort();
+    if (s.processingFlags & kFlyingPixel) _flyingPixel(s, false);
     _farRange(depthFrame, s);
-    _scaleAndColor(depthFrame);
+    _scaleAndColor(depthFrame, s);
     return Ok;
 }
 
 int TalvoroFrame::_getDepthFrame(const unsigned char* raw, const FrameSettings& s) {
     if (!raw || frameBytes < kImageBytes) return InvalidFrameBuffer;
     std::memcpy(depthFrame.ptr(), raw, kImageBytes);
-    if (s.filters & kTemporalFilter) _temporalFilter(s);
-    if (s.flags & kPlanarization) _planarize(s);
-    // Flying pixels before undistortion here, after it in mode 0: both orders are intended.
-    if (s.flags & kFlyingPixel) _flyingPixel(s, false);
-    if (s.flags & kUndistortion) _undistort();
+    if (s.filterFlags & kTemporalFilter) _temporalFilter();
+    if (s.processingFlags & kPlanarization) _planarize();
+    // Flying pixels before undistortion here, after it in mode 0: both orders are kept on
+    // purpose (pinned by Undistortion.FlyingPixelsComeBeforeItOnlyInModeTwo).
+    if (s.processingFlags & kFlyingPixel) _flyingPixel(s, false);
+    if (s.processingFlags & kUndistortion) _undistort();
     _farRange(depthFrame, s);
-    _scaleAndColor(depthFrame);
+    _scaleAndColor(depthFrame, s);
     return Ok;
 }
 
@@ -188,7 +194,7 @@ int TalvoroFrame::_getIRFrame(const unsigned char* raw, const FrameSettings& s) 
     if (!raw || frameBytes < kImageBytes) return InvalidFrameBuffer;
     for (int r = 0; r < kHeight; ++r) {
         frame::copyWithGain(raw + size_t(r) * kWidth * 2, rawIRFrame.ptr<uint16_t>(r),
-                            irFrame.ptr<uint16_t>(r), kWidth, s.gain);
+                            irFrame.ptr<uint16_t>(r), kWidth, s.irGain);
     }
     return Ok;
 }
@@ -198,14 +204,14 @@ int TalvoroFrame::_getDepthIrRgbFrame(const unsigned char* raw, const FrameSetti
                                           int(rgbLineCount), s.mode == 5};
     if (layout.frameBytes == 0) return InvalidFrameBuffer;
     const int separated = frame::separateMultiplexed(raw, raw ? frameBytes : 0, layout, depthFrame,
-                                                     rawIRFrame, irFrame, rgbFrame, s.gain);
+                                                     rawIRFrame, irFrame, rgbFrame, s.irGain);
     if (separated != Ok) return separated;
-    if (s.filters & kTemporalFilter) _temporalFilter(s);
-    if (s.flags & kPlanarization) _planarize(s);
+    if (s.filterFlags & kTemporalFilter) _temporalFilter();
+    if (s.processingFlags & kPlanarization) _planarize();
     _mapDepth(s);
-    const bool registered = _usesRegisteredDepth(s.mode, s.flags, s.calib);
-    if (s.flags & kFlyingPixel) _flyingPixel(s, registered);
-    _scaleAndColor(registered ? registeredDepth : depthFrame);
+    const bool registered = _usesRegisteredDepth(s.mode, s.processingFlags, s.calibValidFlags);
+    if (s.processingFlags & kFlyingPixel) _flyingPixel(s, registered);
+    _scaleAndColor(registered ? registeredDepth : depthFrame, s);
     return Ok;
 }
 
@@ -217,35 +223,41 @@ int TalvoroFrame::_getRgbFrame(const unsigned char* raw) {
     return Ok;
 }
 
-void TalvoroFrame::_temporalFilter(const FrameSettings&) {
+void TalvoroFrame::_temporalFilter() {
     if (depthHistory.empty()) return;
     uint16_t* depth = depthFrame.ptr<uint16_t>();
-    if (historyReady) {
+    if (settings().historyReady) {
         const uint16_t* history[255];
         const size_t count = std::min<size_t>(depthHistory.size(), 255);
         for (size_t k = 0; k < count; ++k)
             history[k] = depthHistory[k].get();
         frame::temporalAverage(depth, history, count, temporalThreshold, kPixels);
     }
-    if (!(filterFlags & kTemporalFilter)) return;  // switched off meanwhile
-    uint8_t count = temporalCount;
-    if (count < temporalWarmup) temporalCount = ++count;
-    if (count == temporalWarmup) {
-        historyReady = 1;
+    bool rotate = false;
+    _change([&](Settings& s) {
+        if (!(s.filterFlags & kTemporalFilter)) return;  // switched off meanwhile
+        if (s.temporalCount < temporalWarmup) ++s.temporalCount;
+        if (s.temporalCount == temporalWarmup) {
+            s.historyReady = true;
+            rotate = true;
+        }
+    });
+    if (rotate) {
         // The oldest image becomes the newest: the last buffer moves to the front.
         std::rotate(depthHistory.begin(), depthHistory.end() - 1, depthHistory.end());
         std::memcpy(depthHistory.front().get(), depth, kImageBytes);
     }
 }
 
-void TalvoroFrame::_planarize(const FrameSettings&) {
+void TalvoroFrame::_planarize() {
     frame::planarize(depthFrame.ptr<uint16_t>(), thetaMat.ptr<double>(), thetaFloat.ptr<float>(),
                      kPixels);
 }
 
 void TalvoroFrame::_undistort() {
     // Only with a usable calibration; otherwise the depth stays as it is.
-    if (vgaUndistort.apply(depthFrame, undistortedDepth)) undistortedDepth.copyTo(depthFrame);
+    if (vgaUndistort.apply(depthFrame, undistortedDepth, workers))
+        undistortedDepth.copyTo(depthFrame);
 }
 
 void TalvoroFrame::_flyingPixel(const FrameSettings& s, bool registered) {
@@ -264,15 +276,16 @@ void TalvoroFrame::_farRange(cv::Mat& depth, const FrameSettings& s) {
 }
 
 void TalvoroFrame::_mapDepth(const FrameSettings& s) {
-    if (!(s.flags & kRgbdMapping)) {
-        if (s.flags & kUndistortion) _undistort();
+    if (!(s.processingFlags & kRgbdMapping)) {
+        if (s.processingFlags & kUndistortion) _undistort();
         _farRange(depthFrame, s);
         return;
     }
-    const bool vga = s.mode == 4 && (s.calib & kVgaCalibration) == kVgaCalibration;
-    const bool hd = s.mode == 5 && (s.calib & kHdCalibration) == kHdCalibration;
+    const bool vga = s.mode == 4 && (s.calibValidFlags & kVgaCalibration) == kVgaCalibration;
+    const bool hd = s.mode == 5 && (s.calibValidFlags & kHdCalibration) == kHdCalibration;
     if (!vga && !hd) {
-        // Mapping asked for without its calibration: doubled whatever the range.
+        // Mapping asked for without its calibration: doubled whatever the range, on purpose
+        // (pinned by Separation.MappingWithoutCalibrationDoublesEvenInNearRange).
         frame::doubleSaturated(depthFrame.ptr<uint16_t>(), depthFrame.total());
         return;
     }
@@ -282,13 +295,13 @@ void TalvoroFrame::_mapDepth(const FrameSettings& s) {
         return;
     }
     const frame::UndistortMap& map = vga ? vgaUndistort : hdUndistort;
-    const frame::DepthRegistration& registration = vga ? vgaRegistration : hdRegistration;
+    frame::DepthRegistration& registration = vga ? vgaRegistration : hdRegistration;
     const cv::Size size = vga ? cv::Size(640, 480) : cv::Size(1280, 720);
     ensureZeroed(registeredDepth, size.height, size.width, CV_16UC1);
-    bool mapped = map.apply(depthFrame, undistortedDepth);
+    bool mapped = map.apply(depthFrame, undistortedDepth, workers);
     if (mapped) {
         _farRange(undistortedDepth, s);
-        mapped = registration.apply(undistortedDepth, registeredDepth);
+        mapped = registration.apply(undistortedDepth, registeredDepth, workers);
     }
     if (!mapped) {
         // What OpenCV would have thrown on for this calibration.
@@ -308,22 +321,22 @@ void TalvoroFrame::_restoreRetired() {
     retiredColorMap.release();
 }
 
-void TalvoroFrame::_scaleAndColor(const cv::Mat& depth) {
+void TalvoroFrame::_scaleAndColor(const cv::Mat& depth, const FrameSettings& s) {
     _restoreRetired();
     if (depth.empty()) {
         prevDepthFrame.release();
         depthcolormap.release();
         return;
     }
-    depth.convertTo(prevDepthFrame, CV_8U, depthScale.load(), -depthOffset.load());
+    depth.convertTo(prevDepthFrame, CV_8U, s.depthScale(), -s.depthOffset());
     post_processing(prevDepthFrame);
 }
 
-bool TalvoroFrame::_usesRegisteredDepth(int mode, uint32_t flags, uint16_t calib) const {
+bool TalvoroFrame::_usesRegisteredDepth(int mode, uint32_t flags, uint16_t calib) {
     return mode == 5 && (flags & kRgbdMapping) && (calib & kHdCalibration) == kHdCalibration;
 }
 
-cv::Size TalvoroFrame::_averagingSize(int mode, uint32_t flags) const {
+cv::Size TalvoroFrame::_averagingSize(int mode, uint32_t flags) {
     return mode == 5 && (flags & kRgbdMapping) ? cv::Size(1280, 720) : cv::Size(640, 480);
 }
 

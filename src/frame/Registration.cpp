@@ -1,5 +1,6 @@
 #include "frame/Registration.h"
 
+#include <algorithm>
 #include <cfloat>
 #include <cmath>
 #include <cstring>
@@ -14,6 +15,9 @@
 namespace Talvoro::frame {
 
 namespace {
+
+constexpr float kToMetres = 0.001f;  // 16-bit depth is millimetres
+constexpr float kToMillimetres = 1.0f / kToMetres;
 
 bool isMatrix(const cv::Mat& m, int rows, int cols) {
     return m.rows == rows && m.cols == cols && m.channels() == 1 &&
@@ -206,10 +210,34 @@ TALVORO_AVX2 inline __m256d inverseOrOne(__m256d v) {
 
 }  // namespace
 
+namespace {
+
+// The projection's numbers, copied for a row so that the compiler may keep them in registers
+// (the row's stores cannot change a copy).
+struct Model {
+    double m[16], k[14], t[9];
+    double fx, fy, cx, cy;
+    bool affine, distorted, rational, prism, tilted;
+};
+
+struct Lanes4 {
+    __m128i x, y;   // the colour pixel; INT_MIN where not a number or out of range
+    __m128i value;  // the depth there in millimetres, truncated to 32 bits
+    __m128i valid;  // all ones where u is a number
+};
+
+// A row of the transform times w, in float; 0 where keep is not set.
+TALVORO_AVX2 inline __m128 transformed(__m256d px, __m256d py, __m256d pz, const double* r,
+                                       bool affine, __m256d w, __m128 keep) {
+    const __m256d t = transformRow(px, py, pz, r);
+    return _mm_and_ps(keep, _mm256_cvtpd_ps(affine ? t : mul(t, w)));
+}
+
 // land() for four pixels: the same operations, in the same order, lane by lane.
-TALVORO_AVX2 void DepthRegistration::land4(const uint16_t* raw, int i, int j,
-                                           Landing out[4]) const {
-    const double* m = projection_;
+TALVORO_AVX2 inline __attribute__((always_inline)) Lanes4 land4(const Model& c, const uint16_t* raw,
+                                                                int i, int j) {
+    Lanes4 out;
+    const double* m = c.m;
     const __m128i depth =
         _mm_cvtepu16_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(raw)));
     const __m128 present = _mm_castsi128_ps(
@@ -221,29 +249,33 @@ TALVORO_AVX2 void DepthRegistration::land4(const uint16_t* raw, int i, int j,
     const __m256d pz = _mm256_cvtps_pd(d);
     __m256d w = splat(1);
     __m128 keep = present;  // no depth, or the transform refuses: the point is (0, 0, 0)
-    if (!affine_) {
+    if (!c.affine) {
         const __m256d sum = transformRow(px, py, pz, m + 12);
         const __m256d size = _mm256_andnot_pd(splat(-0.0), sum);
         keep =
             _mm_and_ps(keep, _mm256_cvtpd_ps(_mm256_cmp_pd(size, splat(FLT_EPSILON), _CMP_GT_OQ)));
         w = _mm256_div_pd(splat(1), sum);
     }
-    const __m128 tx = _mm_and_ps(keep, _mm256_cvtpd_ps(mul(transformRow(px, py, pz, m), w)));
-    const __m128 ty = _mm_and_ps(keep, _mm256_cvtpd_ps(mul(transformRow(px, py, pz, m + 4), w)));
-    const __m128 tz = _mm_and_ps(keep, _mm256_cvtpd_ps(mul(transformRow(px, py, pz, m + 8), w)));
+    // An affine transform's w is exactly 1: the product is the row itself.
+    const __m128 tx = transformed(px, py, pz, m, c.affine, w, keep);
+    const __m128 ty = transformed(px, py, pz, m + 4, c.affine, w, keep);
+    const __m128 tz = transformed(px, py, pz, m + 8, c.affine, w, keep);
     __m128 u, v;
-    if (distorted_) {
-        const double* k = k_;
-        const __m256d one = splat(1), two = splat(2);
+    if (c.distorted) {
+        const double* k = c.k;
+        const __m256d one = splat(1);
         const __m256d z = inverseOrOne(_mm256_cvtps_pd(tz));
         const __m256d x = mul(_mm256_cvtps_pd(tx), z), y = mul(_mm256_cvtps_pd(ty), z);
-        const __m256d r2 = add(mul(x, x), mul(y, y)), r4 = mul(r2, r2), r6 = mul(r4, r2);
-        const __m256d a1 = mul(mul(two, x), y), a2 = add(r2, mul(mul(two, x), x)),
-                      a3 = add(r2, mul(mul(two, y), y));
+        const __m256d xx = mul(x, x), yy = mul(y, y), xy = mul(x, y);
+        const __m256d r2 = add(xx, yy), r4 = mul(r2, r2), r6 = mul(r4, r2);
+        // 2x y, 2x x and 2y y as doublings of the products: scaling by 2 is exact, and x and y
+        // (float coordinates times the inverse of a float depth) are zero or far too large for
+        // their products to fall below the normal range, where it would not be.
+        const __m256d a1 = add(xy, xy), a2 = add(r2, add(xx, xx)), a3 = add(r2, add(yy, yy));
         const __m256d radial =
             add(add(add(one, mul(splat(k[0]), r2)), mul(splat(k[1]), r4)), mul(splat(k[4]), r6));
         __m256d xd = mul(x, radial), yd = mul(y, radial);
-        if (rational_) {
+        if (c.rational) {
             const __m256d inverse =
                 _mm256_div_pd(one, add(add(add(one, mul(splat(k[5]), r2)), mul(splat(k[6]), r4)),
                                        mul(splat(k[7]), r6)));
@@ -252,86 +284,254 @@ TALVORO_AVX2 void DepthRegistration::land4(const uint16_t* raw, int i, int j,
         }
         xd = add(add(xd, mul(splat(k[2]), a1)), mul(splat(k[3]), a2));
         yd = add(add(yd, mul(splat(k[2]), a3)), mul(splat(k[3]), a1));
-        if (prism_) {
+        if (c.prism) {
             xd = add(add(xd, mul(splat(k[8]), r2)), mul(splat(k[9]), r4));
             yd = add(add(yd, mul(splat(k[10]), r2)), mul(splat(k[11]), r4));
         }
-        if (tilted_) {
-            const cv::Matx33d& t = tilt_;
-            const __m256d t0 =
-                add(add(mul(splat(t(0, 0)), xd), mul(splat(t(0, 1)), yd)), splat(t(0, 2)));
-            const __m256d t1 =
-                add(add(mul(splat(t(1, 0)), xd), mul(splat(t(1, 1)), yd)), splat(t(1, 2)));
-            const __m256d t2 =
-                add(add(mul(splat(t(2, 0)), xd), mul(splat(t(2, 1)), yd)), splat(t(2, 2)));
+        if (c.tilted) {
+            const double* t = c.t;
+            const __m256d t0 = add(add(mul(splat(t[0]), xd), mul(splat(t[1]), yd)), splat(t[2]));
+            const __m256d t1 = add(add(mul(splat(t[3]), xd), mul(splat(t[4]), yd)), splat(t[5]));
+            const __m256d t2 = add(add(mul(splat(t[6]), xd), mul(splat(t[7]), yd)), splat(t[8]));
             const __m256d p = inverseOrOne(t2);
             xd = mul(p, t0);
             yd = mul(p, t1);
         }
-        u = _mm256_cvtpd_ps(add(mul(xd, splat(fx_)), splat(cx_)));
-        v = _mm256_cvtpd_ps(add(mul(yd, splat(fy_)), splat(cy_)));
+        u = _mm256_cvtpd_ps(add(mul(xd, splat(c.fx)), splat(c.cx)));
+        v = _mm256_cvtpd_ps(add(mul(yd, splat(c.fy)), splat(c.cy)));
     } else {
         u = _mm_div_ps(tx, tz);
         v = _mm_div_ps(ty, tz);
     }
-    alignas(16) int xs[4], ys[4], values[4];
-    _mm_store_si128(reinterpret_cast<__m128i*>(xs), _mm_cvtps_epi32(u));
-    _mm_store_si128(reinterpret_cast<__m128i*>(ys), _mm_cvtps_epi32(v));
-    _mm_store_si128(reinterpret_cast<__m128i*>(values),
-                    _mm_cvttps_epi32(_mm_add_ps(_mm_mul_ps(tz, _mm_set1_ps(kToMillimetres)),
-                                                _mm_set1_ps(0.5f))));
-    const int valid = _mm_movemask_ps(_mm_cmpord_ps(u, u));
-    for (int n = 0; n < 4; ++n)
-        out[n] = {xs[n], ys[n], uint16_t(values[n]), bool(valid >> n & 1)};
+    out.x = _mm_cvtps_epi32(u);
+    out.y = _mm_cvtps_epi32(v);
+    out.value = _mm_cvttps_epi32(
+        _mm_add_ps(_mm_mul_ps(tz, _mm_set1_ps(kToMillimetres)), _mm_set1_ps(0.5f)));
+    out.valid = _mm_castps_si128(_mm_cmpord_ps(u, u));
+    return out;
+}
+
+}  // namespace
+
+// project() of one row, eight pixels at a time; returns the pixels done.
+TALVORO_AVX2 int DepthRegistration::projectRowAvx2(const uint16_t* raw, int j, int count,
+                                                   size_t stride, int32_t* target, uint16_t* value,
+                                                   int32_t* top, int32_t* bottom,
+                                                   uint8_t* inside) const {
+    Model c;
+    std::memcpy(c.m, projection_, sizeof c.m);
+    std::memcpy(c.k, k_, sizeof c.k);
+    for (int n = 0; n < 9; ++n)
+        c.t[n] = tilt_.val[n];
+    c.fx = fx_;
+    c.fy = fy_;
+    c.cx = cx_;
+    c.cy = cy_;
+    c.affine = affine_;
+    c.distorted = distorted_;
+    c.rational = rational_;
+    c.prism = prism_;
+    c.tilted = tilted_;
+    const __m128i zero = _mm_setzero_si128(), minusOne = _mm_set1_epi32(-1);
+    const __m128i width = _mm_set1_epi32(output_.width), height = _mm_set1_epi32(output_.height);
+    const __m128i rowStride = _mm_set1_epi32(int(stride)), nowhere = _mm_set1_epi32(kNowhere);
+    const __m128i highest = _mm_set1_epi32(INT32_MAX), lowest = _mm_set1_epi32(INT32_MIN);
+    int i = 0;
+    for (int b = 0; i + 8 <= count; i += 8, ++b) {
+        __m128i low = highest, high = lowest, values[2];
+        int interior = 0;
+        for (int half = 0; half < 2; ++half) {
+            const int at = i + 4 * half;
+            const Lanes4 l = land4(c, raw + at, at, j);
+            // One bounds check for the lanes: inside the image, and inside with its dilation.
+            const __m128i corner = _mm_min_epi32(l.x, l.y);
+            const __m128i within = _mm_and_si128(
+                _mm_and_si128(l.valid, _mm_cmpgt_epi32(width, l.x)),
+                _mm_and_si128(_mm_cmpgt_epi32(height, l.y), _mm_cmpgt_epi32(corner, minusOne)));
+            const __m128i roomy = _mm_and_si128(within, _mm_cmpgt_epi32(corner, zero));
+            interior |= _mm_movemask_ps(_mm_castsi128_ps(roomy)) << (4 * half);
+            const __m128i index = _mm_add_epi32(_mm_mullo_epi32(l.y, rowStride), l.x);
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(target + at),
+                             _mm_blendv_epi8(nowhere, index, within));
+            low = _mm_min_epi32(low, _mm_blendv_epi8(highest, l.y, within));
+            high = _mm_max_epi32(high, _mm_blendv_epi8(lowest, l.y, within));
+            // Low 16 bits of each lane, sign-extended so that the signed pack keeps them.
+            values[half] = _mm_srai_epi32(_mm_slli_epi32(l.value, 16), 16);
+        }
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(value + i),
+                         _mm_packs_epi32(values[0], values[1]));
+        low = _mm_min_epi32(low, _mm_shuffle_epi32(low, 0x4E));
+        high = _mm_max_epi32(high, _mm_shuffle_epi32(high, 0x4E));
+        top[b] = _mm_cvtsi128_si32(_mm_min_epi32(low, _mm_shuffle_epi32(low, 0xB1)));
+        bottom[b] = _mm_cvtsi128_si32(_mm_max_epi32(high, _mm_shuffle_epi32(high, 0xB1)));
+        inside[b] = interior == 0xFF;
+    }
+    return i;
+}
+
+// Eight pixels of rows y - 1 and y keep the nearest of their depth and v (not 0): the two
+// pairs at at - stride - 1 and at - 1 at once.
+TALVORO_AVX2 inline void keepFootprint(uint16_t* at, ptrdiff_t stride, __m128i nearer) {
+    uint16_t* upper = at - stride - 1;
+    uint16_t* lower = at - 1;
+    int32_t a, b;
+    std::memcpy(&a, upper, 4);
+    std::memcpy(&b, lower, 4);
+    const __m128i one = _mm_set1_epi16(1);
+    __m128i pairs = _mm_insert_epi32(_mm_cvtsi32_si128(a), b, 1);
+    pairs = _mm_add_epi16(_mm_min_epu16(_mm_sub_epi16(pairs, one), nearer), one);
+    a = _mm_cvtsi128_si32(pairs);
+    b = _mm_extract_epi32(pairs, 1);
+    std::memcpy(upper, &a, 4);
+    std::memcpy(lower, &b, 4);
+}
+
+TALVORO_AVX2 void DepthRegistration::placeInsideAvx2(uint16_t* out, ptrdiff_t stride,
+                                                     const int32_t* target, const uint16_t* value,
+                                                     int count) {
+    for (int n = 0; n < count; ++n) {
+        uint16_t* at = out + target[n];
+        const uint16_t v = value[n];
+        if (v == 0) {
+            std::memset(at - stride - 1, 0, 4);
+            std::memset(at - 1, 0, 4);
+        } else {
+            keepFootprint(at, stride, _mm_set1_epi16(short(v - 1)));
+        }
+    }
 }
 
 #undef TALVORO_AVX2
 
 #endif
 
-bool DepthRegistration::apply(const cv::Mat& depth, cv::Mat& registered) const {
-    if (!valid_ || depth.type() != CV_16UC1 || registered.type() != CV_16UC1 ||
-        registered.size() != output_ || depth.data == registered.data)
-        return false;
-    for (int r = 0; r < registered.rows; ++r)
-        std::memset(registered.ptr(r), 0, registered.cols * sizeof(uint16_t));
+namespace {
 
-    // Occlusion: the nearest point wins, and an empty (0) pixel takes any; dilated to the left,
-    // up and up-left. Branch-free for non-zero values: out - 1 wraps 0 to 65535.
-    auto place = [&](const Landing& l) {
-        if (!l.valid || l.x < 0 || l.y < 0 || l.x >= output_.width || l.y >= output_.height) return;
-        auto keep = [&](int x, int y) {
-            uint16_t& out = registered.at<uint16_t>(y, x);
-            if (l.value == 0) {
-                out = 0;
-            } else {
-                const uint16_t kept = uint16_t(out - 1), given = uint16_t(l.value - 1);
-                out = uint16_t((kept < given ? kept : given) + 1);
-            }
-        };
-        keep(l.x, l.y);
-        if (l.x > 0) keep(l.x - 1, l.y);
-        if (l.y > 0) keep(l.x, l.y - 1);
-        if (l.x > 0 && l.y > 0) keep(l.x - 1, l.y - 1);
-    };
+// The nearest depth wins, an empty (0) pixel takes any, and a landing of 0 clears: out - 1
+// wraps 0 to 65535.
+inline void keep(uint16_t& out, uint16_t value) {
+    if (value == 0) {
+        out = 0;
+    } else {
+        const uint16_t kept = uint16_t(out - 1), given = uint16_t(value - 1);
+        out = uint16_t((kept < given ? kept : given) + 1);
+    }
+}
 
-    const bool vector = TALVORO_X86_64 && isa() >= Isa::Avx2;
-    for (int j = 0; j < depth.rows; ++j) {
+}  // namespace
+
+void DepthRegistration::project(const cv::Mat& depth, size_t stride, int rowBegin, int rowEnd,
+                                bool vector) {
+    for (int j = rowBegin; j < rowEnd; ++j) {
         const uint16_t* row = depth.ptr<uint16_t>(j);
+        const size_t first = size_t(j) * depth.cols, blocks = size_t(j) * blocksPerRow_;
         int i = 0;
 #if TALVORO_X86_64
-        if (vector) {
-            Landing four[4];
-            for (; i + 4 <= depth.cols; i += 4) {
-                land4(row + i, i, j, four);
-                for (const Landing& l : four)
-                    place(l);
+        if (vector)
+            i = projectRowAvx2(row, j, depth.cols, stride, &target_[first], &value_[first],
+                               &blockTop_[blocks], &blockBottom_[blocks], &blockInside_[blocks]);
+#else
+        (void)vector;
+#endif
+        for (; i < depth.cols; i += 8) {
+            int32_t top = INT32_MAX, bottom = INT32_MIN;
+            bool inside = i + 8 <= depth.cols;
+            for (int n = i; n < std::min(i + 8, depth.cols); ++n) {
+                const Landing l = land(row[n], n, j);
+                const bool within =
+                    l.valid && l.x >= 0 && l.y >= 0 && l.x < output_.width && l.y < output_.height;
+                target_[first + n] = within ? int32_t(l.y * stride + l.x) : kNowhere;
+                value_[first + n] = l.value;
+                inside = inside && within && l.x > 0 && l.y > 0;
+                if (within) {
+                    top = std::min(top, l.y);
+                    bottom = std::max(bottom, l.y);
+                }
+            }
+            blockTop_[blocks + i / 8] = top;
+            blockBottom_[blocks + i / 8] = bottom;
+            blockInside_[blocks + i / 8] = inside;
+        }
+    }
+}
+
+void DepthRegistration::place(const cv::Mat& depth, cv::Mat& registered, int rowBegin, int rowEnd,
+                              bool vector) const {
+    for (int r = rowBegin; r < rowEnd; ++r)
+        std::memset(registered.ptr(r), 0, registered.cols * sizeof(uint16_t));
+    uint16_t* out = registered.ptr<uint16_t>();
+    const size_t stride = registered.step1();
+    // A landing at row y writes rows y - 1 and y.
+    for (int j = 0; j < depth.rows; ++j) {
+        const size_t first = size_t(j) * depth.cols;
+        for (int b = 0; b < blocksPerRow_; ++b) {
+            const size_t block = size_t(j) * blocksPerRow_ + b;
+            const int top = blockTop_[block], bottom = blockBottom_[block];
+            if (bottom < rowBegin || top > rowEnd) continue;  // nothing lands here
+            const int i = 8 * b, end = std::min(i + 8, depth.cols);
+            if (blockInside_[block] && top > rowBegin && bottom < rowEnd) {
+#if TALVORO_X86_64
+                if (vector) {
+                    placeInsideAvx2(out, ptrdiff_t(stride), &target_[first + i], &value_[first + i],
+                                    end - i);
+                    continue;
+                }
+#endif
+                for (int n = i; n < end; ++n) {
+                    uint16_t* at = out + target_[first + n];
+                    const uint16_t v = value_[first + n];
+                    keep(at[0], v);
+                    keep(at[-1], v);
+                    keep(at[-ptrdiff_t(stride)], v);
+                    keep(at[-ptrdiff_t(stride) - 1], v);
+                }
+                continue;
+            }
+            for (int n = i; n < end; ++n) {
+                const int32_t t = target_[first + n];
+                if (t == kNowhere) continue;
+                const int y = int(size_t(t) / stride), x = int(size_t(t) - size_t(y) * stride);
+                const uint16_t v = value_[first + n];
+                uint16_t* at = out + t;
+                if (y >= rowBegin && y < rowEnd) {
+                    keep(at[0], v);
+                    if (x > 0) keep(at[-1], v);
+                }
+                if (y > 0 && y - 1 >= rowBegin && y - 1 < rowEnd) {
+                    keep(at[-ptrdiff_t(stride)], v);
+                    if (x > 0) keep(at[-ptrdiff_t(stride) - 1], v);
+                }
             }
         }
-#endif
-        for (; i < depth.cols; ++i)
-            place(land(row[i], i, j));
     }
+}
+
+bool DepthRegistration::apply(const cv::Mat& depth, cv::Mat& registered, WorkerPool& pool) {
+    if (!valid_ || depth.type() != CV_16UC1 || registered.type() != CV_16UC1 ||
+        registered.size() != output_ || depth.data == registered.data || depth.empty())
+        return false;
+    const size_t stride = registered.step1();
+    if (size_t(output_.height) * stride > size_t(INT32_MAX)) return false;
+    const size_t pixels = depth.total();
+    blocksPerRow_ = (depth.cols + 7) / 8;
+    const size_t blocks = size_t(blocksPerRow_) * depth.rows;
+    if (target_.size() < pixels) {
+        target_.resize(pixels);
+        value_.resize(pixels);
+    }
+    if (blockTop_.size() < blocks) {
+        blockTop_.resize(blocks);
+        blockBottom_.resize(blocks);
+        blockInside_.resize(blocks);
+    }
+    const bool vector = TALVORO_X86_64 && isa() >= Isa::Avx2;
+    pool.forEach(size_t(depth.rows), pool.pieces(), [&](size_t begin, size_t end, unsigned) {
+        project(depth, stride, int(begin), int(end), vector);
+    });
+    // Bands of the colour image, each taking the landings in the depth image's order.
+    pool.forEach(size_t(registered.rows), pool.threads(), [&](size_t begin, size_t end, unsigned) {
+        place(depth, registered, int(begin), int(end), vector);
+    });
     return true;
 }
 

@@ -1,10 +1,21 @@
 // RGB-D registration: re-projects 16-bit depth (millimetres) into the colour camera, with the
 // arithmetic of cv::rgbd::registerDepth (depth dilation on) so that the results are identical,
 // but into a preallocated image and without per-frame allocation.
+//
+// How: the projection of every depth pixel runs in row bands on the worker pool and lands in a
+// buffer (target and depth per pixel, and per block of eight whether all of them land inside
+// with room for the dilation, so that such a block needs no bounds check). Then bands of the
+// colour image's rows take, each in the depth image's order, the landings that touch them:
+// the nearest depth wins and a landing of 0 clears, so the order matters and is kept.
 #ifndef TALVORO_FRAME_REGISTRATION_H
 #define TALVORO_FRAME_REGISTRATION_H
 
+#include <cstdint>
+#include <vector>
+
 #include <opencv2/core.hpp>
+
+#include "frame/WorkerPool.h"
 
 namespace Talvoro::frame {
 
@@ -22,8 +33,9 @@ class DepthRegistration {
     cv::Size outputSize() const { return output_; }
 
     // registered = depth (CV_16UC1) seen from the colour camera; registered must be CV_16UC1 of
-    // outputSize() and is not reallocated. False (registered untouched) when unusable.
-    bool apply(const cv::Mat& depth, cv::Mat& registered) const;
+    // outputSize() and is not reallocated. False (registered untouched) when unusable. The
+    // landing buffer is allocated at the first call and when the depth image grows.
+    bool apply(const cv::Mat& depth, cv::Mat& registered, WorkerPool& pool);
 
   private:
     // Where one depth pixel lands in the colour image, and its depth there in millimetres;
@@ -33,10 +45,18 @@ class DepthRegistration {
         uint16_t value;
         bool valid;
     };
-    static constexpr float kToMetres = 0.001f;  // 16-bit depth is millimetres
-    static constexpr float kToMillimetres = 1.0f / kToMetres;
+    static constexpr int32_t kNowhere = INT32_MIN;  // a pixel that lands outside
     Landing land(uint16_t depth, int i, int j) const;
-    void land4(const uint16_t* depth, int i, int j, Landing out[4]) const;
+    // project() of one row, eight pixels at a time (AVX2); returns the pixels done.
+    int projectRowAvx2(const uint16_t* depth, int j, int count, size_t stride, int32_t* target,
+                       uint16_t* value, int32_t* top, int32_t* bottom, uint8_t* inside) const;
+    // place() of landings all inside with room for their dilation (AVX2).
+    static void placeInsideAvx2(uint16_t* out, ptrdiff_t stride, const int32_t* target,
+                                const uint16_t* value, int count);
+
+    void project(const cv::Mat& depth, size_t stride, int rowBegin, int rowEnd, bool vector);
+    void place(const cv::Mat& depth, cv::Mat& registered, int rowBegin, int rowEnd,
+               bool vector) const;
 
     bool valid_ = false;
     cv::Size output_;
@@ -49,6 +69,15 @@ class DepthRegistration {
     bool tilted_ = false;    // coefficients 12 and 13 in use
     cv::Matx33d tilt_;
     double fx_ = 0, fy_ = 0, cx_ = 0, cy_ = 0;
+
+    // Per depth pixel: the colour pixel's index (row x width + column), or kNowhere; its depth.
+    // Per block of eight pixels of a depth row: the lowest and highest colour row landed on,
+    // and whether all eight land inside at row and column 1 or more.
+    std::vector<int32_t> target_;
+    std::vector<uint16_t> value_;
+    std::vector<int32_t> blockTop_, blockBottom_;
+    std::vector<uint8_t> blockInside_;
+    int blocksPerRow_ = 0;
 };
 
 }  // namespace Talvoro::frame

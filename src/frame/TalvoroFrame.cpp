@@ -22,8 +22,6 @@ TalvoroFrame::TalvoroFrame() {
     undistortedDepth = cv::Mat::zeros(kHeight, kWidth, CV_16UC1);
     filteredDepth = cv::Mat::zeros(kHeight, kWidth, CV_16UC1);
     filteredRegisteredDepth = cv::Mat::zeros(720, 1280, CV_16UC1);
-    setCursorColor(0);
-    updateScaling();
     frame::colorMapTable(0);  // builds the tables now rather than in the first frame
 }
 
@@ -45,30 +43,79 @@ std::string TalvoroFrame::_tag() const {
     return std::to_string(currentDeviceIndex.load()) + "   " + label;
 }
 
+void TalvoroFrame::_logCaught(const char* context) const noexcept {
+    std::string tag;
+    try {
+        tag = _tag();
+    } catch (...) {
+    }
+    logCaughtException(context, tag);
+}
+
+TalvoroFrame::Settings TalvoroFrame::settings() const {
+    std::lock_guard<std::mutex> lock(settingsMutex);
+    return settings_;
+}
+
+void TalvoroFrame::setIRGain(uint16_t gain) {
+    _change([gain](Settings& s) { s.irGain = gain; });
+}
+
+void TalvoroFrame::setAveragingWindow(uint16_t width, uint16_t height) {
+    _change([=](Settings& s) {
+        s.avgWindowWidth = width;
+        s.avgWindowHeight = height;
+    });
+}
+
+void TalvoroFrame::setAvgIRDisplay(bool on) {
+    _change([on](Settings& s) { s.avgIRDisplay = on; });
+}
+
+void TalvoroFrame::setProcessingFlags(uint32_t flags, bool on) {
+    _change([=](Settings& s) {
+        if (on)
+            s.processingFlags |= flags;
+        else
+            s.processingFlags &= ~flags;
+    });
+}
+
+void TalvoroFrame::markAveragesDue() {
+    setProcessingFlags(kAverageDue, true);
+}
+
+bool TalvoroFrame::calibrationComplete() const {
+    return (settings().calibValidFlags & kVgaCalibration) == kVgaCalibration;
+}
+
 int TalvoroFrame::setFilterType(int type, bool on) {
     switch (type) {
         case 0:
         case 2: {
             const uint8_t bit = type == 0 ? kSpatialFilter : kEdgeFilter;
-            if (on)
-                filterFlags |= bit;
-            else
-                filterFlags &= uint8_t(~bit);
+            _change([=](Settings& s) {
+                s.filterFlags = uint8_t(on ? s.filterFlags | bit : s.filterFlags & ~bit);
+            });
             return 1;
         }
         case 1:
             if (on) {
-                filterFlags |= kTemporalFilter;
-                if (!historyAllocated) {
-                    allocateHistory();
-                    historyAllocated = 1;
-                }
-                historyReady = 1;
+                bool allocate = false;
+                _change([&](Settings& s) {
+                    s.filterFlags |= kTemporalFilter;
+                    allocate = !s.historyAllocated;
+                    s.historyAllocated = true;
+                    s.historyReady = true;
+                });
+                if (allocate) allocateHistory();
             } else {
-                historyReady = 0;
-                filterFlags &= uint8_t(~kTemporalFilter);
-                temporalCount = 0;
-                historyAllocated = 0;
+                _change([](Settings& s) {
+                    s.historyReady = false;
+                    s.filterFlags &= uint8_t(~kTemporalFilter);
+                    s.temporalCount = 0;
+                    s.historyAllocated = false;
+                });
             }
             return 1;
         default:
@@ -77,19 +124,11 @@ int TalvoroFrame::setFilterType(int type, bool on) {
 }
 
 void TalvoroFrame::updateColorMap(int min, int max, int colormap) {
-    if (colormap <= 21) colorMapType = uint8_t(colormap);
-    depthMax = uint16_t(max);
-    depthMin = uint16_t(min);
-    updateScaling();
-}
-
-void TalvoroFrame::updateScaling() {
-    const int max = depthMax, min = depthMin;
-    const double scale = 255.0 / (max - min);
-    const double offset = min * scale;
-    depthScale = scale;
-    depthOffset = offset;
-    depthSpan = max * scale - offset;
+    _change([=](Settings& s) {
+        if (colormap <= 21) s.colorMapType = uint8_t(colormap);
+        s.depthMax = uint16_t(max);
+        s.depthMin = uint16_t(min);
+    });
 }
 
 int TalvoroFrame::updateDepthRange(uint16_t range) {
@@ -113,35 +152,33 @@ int TalvoroFrame::updateDepthRange(uint16_t range) {
 }
 
 void TalvoroFrame::setAvgRegion(int region) {
-    uint32_t regions = avgRegionMode;
-    if (region >= 0 && region < 32) regions ^= 1u << region;
-    regions &= region == 1 ? ~1u : ~2u;
-    avgRegionMode = regions;
-    processingFlags |= kAverageDue;
+    uint32_t regions = 0;
+    _change([&](Settings& s) {
+        regions = s.avgRegionMode;
+        if (region >= 0 && region < 32) regions ^= 1u << region;
+        regions &= region == 1 ? ~1u : ~2u;
+        s.avgRegionMode = regions;
+        s.processingFlags |= kAverageDue;
+    });
     if (regions == 0) clearAverages();
 }
 
 void TalvoroFrame::setDepthPos(DepthPtr position) {
     probe = uint64_t(uint32_t(position.x)) | uint64_t(uint32_t(position.y)) << 32;
-    avgX = position.x;
-    avgY = position.y;
+    _change([position](Settings& s) {
+        s.avgX = position.x;
+        s.avgY = position.y;
+    });
 }
 
 void TalvoroFrame::setCursorColor(int color) {
     const double v = color == 0 ? 255 : 0;
-    cursor[0] = v;
-    cursor[1] = v;
-    cursor[2] = v;
-    cursor[3] = 0;
+    _change([v](Settings& s) { s.cursorColor = {v, v, v, 0}; });
 }
 
 DepthPtr TalvoroFrame::depthPos() const {
     const uint64_t packed = probe;
     return DepthPtr{int32_t(uint32_t(packed)), int32_t(uint32_t(packed >> 32))};
-}
-
-cv::Scalar TalvoroFrame::cursorColor() const {
-    return cv::Scalar(cursor[0], cursor[1], cursor[2], cursor[3]);
 }
 
 void TalvoroFrame::setPositions(const std::vector<DepthPtr>& list) {
@@ -150,6 +187,7 @@ void TalvoroFrame::setPositions(const std::vector<DepthPtr>& list) {
         depthPositions.assign(list.begin(), list.end());
     } catch (...) {
         depthPositions.clear();  // out of memory: an empty list rather than a thrown exception
+        _logCaught("setPositions");
     }
 }
 
@@ -159,25 +197,32 @@ std::vector<DepthPtr> TalvoroFrame::positions() const {
 }
 
 void TalvoroFrame::clearAverages() {
-    avgDepth = 0;
-    depthStdDev = 0;
-    irMean = 0;
-    irStdDev = 0;
+    std::lock_guard<std::mutex> lock(frameMutex);
+    averageResults = Averages{};
 }
 
-void TalvoroFrame::calculateAverages() {
+TalvoroFrame::Averages TalvoroFrame::averages() const {
+    std::lock_guard<std::mutex> lock(frameMutex);
+    return averageResults;
+}
+
+TalvoroFrame::Averages TalvoroFrame::calculateAverages() {
     try {
+        const Settings s = settings();
         std::lock_guard<std::mutex> lock(frameMutex);
-        _calculateAvgDepthIR(avgX, avgY, false);
+        _calculateAvgDepthIR(s.avgX, s.avgY, false, s);
+        return averageResults;
     } catch (...) {
         // OpenCV refusing its statistics: the results stay as they were.
+        _logCaught("calculateAverages");
     }
+    return averages();
 }
 
 void TalvoroFrame::allocateHistory() {
+    const int count = settings().historyLength;
     std::lock_guard<std::mutex> lock(frameMutex);
     depthHistory.clear();
-    const int count = historyLength;
     for (int i = 0; i < count; ++i) {
         // Zeroed: the first frames average with a defined history.
         std::unique_ptr<uint16_t[]> block(new (std::nothrow) uint16_t[size_t(kWidth) * kHeight]());
@@ -189,6 +234,7 @@ void TalvoroFrame::allocateHistory() {
             depthHistory.push_back(std::move(block));
         } catch (...) {
             depthHistory.clear();
+            _logCaught("allocateHistory");
             return;
         }
     }
@@ -206,28 +252,30 @@ bool TalvoroFrame::hasHistory() const {
 }
 
 void TalvoroFrame::resetToDefaults() {
-    irGain = 16;
-    avgWindowWidth = 32;
-    avgWindowHeight = 32;
-    depthMax = 0;
-    depthMin = 0;
-    colorMapType = 4;
-    filterFlags = 0;
-    historyReady = 0;
-    avgIRDisplay = 0;
-    historyLength = 5;
-    processingFlags = kDefaultFlag;
-    calibValidFlags = 0;
-    avgRegionMode = 0;
+    _change([](Settings& s) { s = Settings{}; });
     clearAverages();
-    temporalCount = 0;
-    historyAllocated = 0;
-    temporalBusy = 0;
-    processingEnabled = 1;
-    avgX = 320;
-    avgY = 240;
-    setCursorColor(0);
-    updateScaling();
+}
+
+const cv::Mat& TalvoroFrame::image(Image which) const {
+    switch (which) {
+        case Image::Depth:
+            return depthFrame;
+        case Image::IR:
+            return irFrame;
+        case Image::RawIR:
+            return rawIRFrame;
+        case Image::Rgb:
+            return rgbFrame;
+        case Image::Registered:
+            return registeredDepth;
+        case Image::ScaledDepth:
+            return prevDepthFrame;
+        case Image::ColorMap:
+            return depthcolormap;
+        case Image::Theta:
+            break;
+    }
+    return thetaMat;
 }
 
 }  // namespace Talvoro

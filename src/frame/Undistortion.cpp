@@ -82,6 +82,8 @@ __attribute__((target("avx2"))) int remapRowAvx2(const Source& s, const int16_t*
     const __m256i lastX = _mm256_set1_epi32(s.width - 1), lastY = _mm256_set1_epi32(s.height - 1);
     const __m256i minusOne = _mm256_set1_epi32(-1), stride = _mm256_set1_epi32(int(s.stride));
     const __m256i low16 = _mm256_set1_epi32(0xFFFF), tabMask = _mm256_set1_epi32(kTabEntries - 1);
+    const __m256i fractionMask = _mm256_set1_epi32(kTabSize - 1);
+    const __m256 step = _mm256_set1_ps(1.f / kTabSize), one = _mm256_set1_ps(1.f);
     const int* pixels = reinterpret_cast<const int*>(s.base);
     int x = 0;
     for (; x + 8 <= cols; x += 8) {
@@ -103,14 +105,19 @@ __attribute__((target("avx2"))) int remapRowAvx2(const Source& s, const int16_t*
         const __m256i f = _mm256_and_si256(
             _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(fraction + x))),
             tabMask);
+        // The table's weights, computed as the table computes them rather than gathered.
+        const __m256 ax =
+            _mm256_mul_ps(_mm256_cvtepi32_ps(_mm256_and_si256(f, fractionMask)), step);
+        const __m256 ay = _mm256_mul_ps(_mm256_cvtepi32_ps(_mm256_srli_epi32(f, kTabBits)), step);
+        const __m256 bx = _mm256_sub_ps(one, ax), by = _mm256_sub_ps(one, ay);
         const __m256 p0 = _mm256_cvtepi32_ps(_mm256_and_si256(top, low16));
         const __m256 p1 = _mm256_cvtepi32_ps(_mm256_srli_epi32(top, 16));
         const __m256 p2 = _mm256_cvtepi32_ps(_mm256_and_si256(bottom, low16));
         const __m256 p3 = _mm256_cvtepi32_ps(_mm256_srli_epi32(bottom, 16));
-        __m256 sum = _mm256_mul_ps(p0, _mm256_i32gather_ps(t.w[0], f, 4));
-        sum = _mm256_add_ps(sum, _mm256_mul_ps(p1, _mm256_i32gather_ps(t.w[1], f, 4)));
-        sum = _mm256_add_ps(sum, _mm256_mul_ps(p2, _mm256_i32gather_ps(t.w[2], f, 4)));
-        sum = _mm256_add_ps(sum, _mm256_mul_ps(p3, _mm256_i32gather_ps(t.w[3], f, 4)));
+        __m256 sum = _mm256_mul_ps(p0, _mm256_mul_ps(by, bx));
+        sum = _mm256_add_ps(sum, _mm256_mul_ps(p1, _mm256_mul_ps(by, ax)));
+        sum = _mm256_add_ps(sum, _mm256_mul_ps(p2, _mm256_mul_ps(ay, bx)));
+        sum = _mm256_add_ps(sum, _mm256_mul_ps(p3, _mm256_mul_ps(ay, ax)));
         // Round to nearest even, then saturate to 16 bits as saturate_cast does.
         const __m256i rounded = _mm256_cvtps_epi32(sum);
         const __m256i packed =
@@ -161,23 +168,26 @@ void UndistortMap::clear() {
     fraction_.release();
 }
 
-bool UndistortMap::apply(const cv::Mat& src, cv::Mat& dst) const {
+bool UndistortMap::apply(const cv::Mat& src, cv::Mat& dst, WorkerPool& pool) const {
     if (!valid() || src.type() != CV_16UC1 || dst.type() != CV_16UC1 || src.size() != size() ||
         dst.size() != size() || src.data == dst.data)
         return false;
     const WeightTable& table = weights();
     const Source source{src.ptr<uint16_t>(), src.step1(), src.cols, src.rows};
-    for (int y = 0; y < dst.rows; ++y) {
-        const int16_t* xy = xy_.ptr<int16_t>(y);
-        const uint16_t* fraction = fraction_.ptr<uint16_t>(y);
-        uint16_t* out = dst.ptr<uint16_t>(y);
-        int x = 0;
+    const bool vector = TALVORO_X86_64 && isa() >= Isa::Avx2;
+    pool.forEach(size_t(dst.rows), pool.pieces(), [&](size_t begin, size_t end, unsigned) {
+        for (int y = int(begin); y < int(end); ++y) {
+            const int16_t* xy = xy_.ptr<int16_t>(y);
+            const uint16_t* fraction = fraction_.ptr<uint16_t>(y);
+            uint16_t* out = dst.ptr<uint16_t>(y);
+            int x = 0;
 #if TALVORO_X86_64
-        if (isa() >= Isa::Avx2) x = remapRowAvx2(source, xy, fraction, out, dst.cols, table);
+            if (vector) x = remapRowAvx2(source, xy, fraction, out, dst.cols, table);
 #endif
-        for (; x < dst.cols; ++x)
-            out[x] = remapPixel(source, xy[2 * x], xy[2 * x + 1], fraction[x], table);
-    }
+            for (; x < dst.cols; ++x)
+                out[x] = remapPixel(source, xy[2 * x], xy[2 * x + 1], fraction[x], table);
+        }
+    });
     return true;
 }
 

@@ -1,9 +1,12 @@
 // Lens undistortion of 16-bit depth from a map computed once per calibration. The result is
-// bit-identical to cv::undistort(src, dst, K, D, K) and costs one remap per frame.
+// bit-identical to cv::undistort(src, dst, K, D, K) and costs one remap per frame, in row bands
+// on the worker pool.
 #ifndef TALVORO_FRAME_UNDISTORTION_H
 #define TALVORO_FRAME_UNDISTORTION_H
 
 #include <opencv2/core.hpp>
+
+#include "frame/WorkerPool.h"
 
 namespace Talvoro::frame {
 
@@ -18,8 +21,9 @@ class UndistortMap {
     cv::Size size() const { return xy_.size(); }
 
     // dst = undistorted src, both CV_16UC1 of size() and distinct; dst is not reallocated.
-    // False (dst untouched) when the map is unusable or the images do not fit it.
-    bool apply(const cv::Mat& src, cv::Mat& dst) const;
+    // False (dst untouched) when the map is unusable or the images do not fit it. Row bands run
+    // on the pool.
+    bool apply(const cv::Mat& src, cv::Mat& dst, WorkerPool& pool) const;
 
   private:
     cv::Mat xy_;        // CV_16SC2: integer source position

@@ -1,18 +1,15 @@
 // Finding the camera's hidraw nodes, and the one-request, one-answer protocol on them.
 #include "hid/HID.h"
 
-#include <fcntl.h>
 #include <linux/hidraw.h>
 #include <poll.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstring>
 #include <string>
 
-#include "common/Eintr.h"
+#include "common/SysCall.h"
 #include "common/UdevPtr.h"
-#include "common/Xioctl.h"
 #include "log/Log.h"
 
 namespace Talvoro {
@@ -28,7 +25,7 @@ int waitReadable(int fd, int timeoutMs) {
     using Clock = std::chrono::steady_clock;
     const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
     pollfd p{fd, POLLIN, 0};
-    return retryOnEintr([&] {
+    return sysCall("poll", [&] {
         const auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
         return ::poll(&p, 1, left.count() > 0 ? static_cast<int>(left.count()) : 0);
@@ -45,8 +42,8 @@ Result HID::openHID(DeviceInfo* info) {
     if (!enumerate) return setError(NotInitialized);
     udev_enumerate_add_match_subsystem(enumerate.get(), "hidraw");
     udev_enumerate_scan_devices(enumerate.get());
-    commandFd_.reset();
-    imuFd_.reset();
+    commandNode_.close();
+    imuNode_.close();
 
     const std::string serial(info->serialNo, strnlen(info->serialNo, sizeof info->serialNo));
     udev_list_entry* entry = nullptr;
@@ -60,15 +57,17 @@ Result HID::openHID(DeviceInfo* info) {
         // The serial number is the only key pairing a hidraw node with the camera.
         if (!nodeSerial || serial != nodeSerial) continue;
         const char* devnode = udev_device_get_devnode(dev.get());
-        UniqueFd fd(devnode ? ::open(devnode, O_RDWR | O_NONBLOCK) : -1);
+        UniqueFd fd(devnode ? openNode(devnode) : -1);
         if (!fd.isValid()) {
+            const int error = errno;
             writeLog(7, "\nTalvoroSDK:hid open:");
+            logPermissionDenied(devnode ? devnode : "", error);
             continue;
         }
         int descriptorSize = 0;
-        if (xioctl(fd.get(), HIDIOCGRDESCSIZE, &descriptorSize) == -1) continue;
-        (descriptorSize == kCommandDescriptorSize ? commandFd_ : imuFd_) = std::move(fd);
-        if (commandFd_.isValid() && imuFd_.isValid()) return setError(Ok);
+        if (XIOCTL(fd.get(), HIDIOCGRDESCSIZE, &descriptorSize) == -1) continue;
+        (descriptorSize == kCommandDescriptorSize ? commandNode_ : imuNode_).adopt(std::move(fd));
+        if (commandNode_.isOpen() && imuNode_.isOpen()) return setError(Ok);
     }
     return setError(CameraNotOpened);
 }
@@ -76,14 +75,14 @@ Result HID::openHID(DeviceInfo* info) {
 Result HID::closeHID() {
     // Closed descriptors are forgotten, so a later command fails to write instead of writing
     // to whatever file reuses the number.
-    commandFd_.reset();
-    imuFd_.reset();
+    commandNode_.close();
+    imuNode_.close();
     return setError(CameraNotOpened);
 }
 
 void HID::adoptDescriptors(UniqueFd command, UniqueFd imu) {
-    commandFd_ = std::move(command);
-    imuFd_ = std::move(imu);
+    commandNode_.adopt(std::move(command));
+    imuNode_.adopt(std::move(imu));
 }
 
 void HID::_initializeBuffers() {
@@ -92,24 +91,24 @@ void HID::_initializeBuffers() {
     std::memset(imuBuffer_, 0, sizeof imuBuffer_);
 }
 
-Result HID::_sendHidCmd(int fd) {
-    if (retryOnEintr([&] { return ::write(fd, request_, sizeof request_); }) < 0)
+Result HID::_sendHidCmd(ControlNode& node) {
+    // A report is written whole or not at all; a part of one is no request.
+    if (node.write(request_, sizeof request_) != static_cast<ssize_t>(sizeof request_))
         return setError(HidWriteFail);
     return setError(Ok);
 }
 
-Result HID::_readHidCmd(int fd) {
+Result HID::_readHidCmd(ControlNode& node) {
     // A wait that times out is no error of its own: the read below then finds nothing.
-    if (waitReadable(fd, kAnswerTimeoutMs) < 0) return setError(TimeoutError);
-    if (retryOnEintr([&] { return ::read(fd, answer_, sizeof answer_); }) < 0)
-        return setError(HidReadFail);
+    if (waitReadable(node.fd(), kAnswerTimeoutMs) < 0) return setError(TimeoutError);
+    if (node.read(answer_, sizeof answer_) < 0) return setError(HidReadFail);
     return setError(Ok);
 }
 
 Result HID::_request() {
-    const Result sent = _sendHidCmd(commandFd_.get());
+    const Result sent = _sendHidCmd(commandNode_);
     if (sent != Ok) return sent;
-    return _readHidCmd(commandFd_.get());
+    return _readHidCmd(commandNode_);
 }
 
 bool HID::_accepted(uint8_t sub, std::size_t statusByte) const {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <mutex>
 
+#include "common/ControlNode.h"
 #include "common/UniqueFd.h"
 #include "hid/TALVOROHID.h"
 #include "log/TALVOROError.h"
@@ -89,11 +90,11 @@ class HID : public TALVOROHID {
   private:
     // Zeroes the answer, request and IMU buffers.
     void _initializeBuffers();
-    // Writes the 64-byte request: 1, or -14.
-    Result _sendHidCmd(int fd);
+    // Writes the 64-byte request: 1, or -14 (also when fewer bytes were taken).
+    Result _sendHidCmd(ControlNode& node);
     // Waits up to 5 s for the node to become readable, then reads one answer: 1, -17 when the
     // wait fails, -15 when the read fails (also after a wait that timed out).
-    Result _readHidCmd(int fd);
+    Result _readHidCmd(ControlNode& node);
     // _sendHidCmd then _readHidCmd on the command node.
     Result _request();
     // True when the answer echoes B3 <sub> and has status 0x01 at `statusByte`.
@@ -117,8 +118,8 @@ class HID : public TALVOROHID {
     uint8_t answer_[kReportSize] = {};
     uint8_t request_[kReportSize] = {};
     uint8_t imuBuffer_[kReportSize] = {};
-    UniqueFd commandFd_;
-    UniqueFd imuFd_;
+    ControlNode commandNode_;
+    ControlNode imuNode_;
 
     double accScale_ = 0;
     double gyroScale_ = 0;

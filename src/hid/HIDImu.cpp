@@ -1,10 +1,9 @@
 // The inertial sensor: configuration with its sensitivity table, capture control, sampling.
 #include <sys/select.h>
-#include <unistd.h>
 
 #include <cstring>
 
-#include "common/Eintr.h"
+#include "common/SysCall.h"
 #include "hid/HID.h"
 #include "hid/HIDReports.h"
 
@@ -109,12 +108,12 @@ Result HID::getIMUValue(IMUDATAOUTPUT_TypeDef* samples) {
     // 10 ms pause that reports nothing ready, and fails (as select(-1) does) before the node is
     // open. The caller's array therefore receives one sample per call.
     timeval pause{0, 10000};
-    if (::select(imuFd_.get(), nullptr, nullptr, nullptr, &pause) < 0)
+    const int fd = imuNode_.fd();
+    if (sysCall("select", [&] { return ::select(fd, nullptr, nullptr, nullptr, &pause); }) < 0)
         return setError(TimeoutError);
 
     std::memset(imuBuffer_, 0, sizeof imuBuffer_);
-    if (retryOnEintr([&] { return ::read(imuFd_.get(), imuBuffer_, sizeof imuBuffer_); }) < 0)
-        return HidReadFail;
+    if (imuNode_.read(imuBuffer_, sizeof imuBuffer_) < 0) return HidReadFail;
     const bool sample = imuBuffer_[0] == 0xB3 && imuBuffer_[1] == kImuValue;
     if (sample && imuBuffer_[kImuSampleStatus] == 0x01) {
         ++counter;

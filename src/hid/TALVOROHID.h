@@ -18,6 +18,9 @@
 //
 // No lock guards the command channel: the request and answer buffers are shared by all commands
 // of one object, so one camera's commands must not run on two threads at once.
+//
+// Why an interface: the API layer holds a camera's HID channel through it, so the exports do
+// not depend on hidraw or the report layouts, and another transport can stand in.
 #ifndef TALVORO_HID_TALVORO_HID_H
 #define TALVORO_HID_TALVORO_HID_H
 

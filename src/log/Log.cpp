@@ -1,10 +1,14 @@
 #include "log/Log.h"
 
+#include <cerrno>
 #include <chrono>
 #include <ctime>
+#include <exception>
 #include <iomanip>
 #include <iostream>
 #include <sstream>
+
+#include "common/DataDir.h"
 
 namespace Talvoro {
 
@@ -57,7 +61,7 @@ void Log::writeLog(int level, const std::string& message) {
     std::lock_guard<std::mutex> lock(mtx);
     // Opened before the mode is looked at: a passing message creates the file even when file
     // output is off.
-    file_.open(fileName_, std::ios::out | std::ios::app);
+    file_.open(dataPath(fileName_), std::ios::out | std::ios::app);
     const unsigned mode = mode_.load(std::memory_order_relaxed);
     if (mode & kConsole) {
         std::cout << GetTimestamp() << "  : " << message << '\n' << std::flush;
@@ -67,6 +71,29 @@ void Log::writeLog(int level, const std::string& message) {
     }
     file_.close();
     file_.clear();
+}
+
+void logCaughtException(const char* context, const std::string& tag) noexcept {
+    try {
+        std::string what = "unknown exception";
+        try {
+            throw;
+        } catch (const std::exception& e) {
+            what = e.what();
+        } catch (...) {
+        }
+        writeLog(7, "\nTalvoroSDK:" + std::string(context) + ": " + what +
+                        (tag.empty() ? "" : "   " + tag));
+    } catch (...) {
+        // Out of memory while reporting: nothing more can be said.
+    }
+}
+
+void logPermissionDenied(const std::string& path, int error) {
+    if (error != EACCES && error != EPERM) return;
+    writeLog(7, "\nTalvoroSDK:permission denied on " + path +
+                    ": install the udev rule 60-talvoro.rules (see the README) or join the "
+                    "plugdev group");
 }
 
 }  // namespace Talvoro

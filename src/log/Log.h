@@ -50,6 +50,16 @@ inline void writeLog(int level, const std::string& message) {
     Log::getInstance()->writeLog(level, message);
 }
 
+// Inside a catch block: logs at level 7 "\nTalvoroSDK:<context>: <what the exception says>"
+// (what() of a std::exception, OpenCV's included), followed by "   <tag>" when a tag is given.
+// Never throws, so that a handler that must not fail can report what it caught.
+void logCaughtException(const char* context, const std::string& tag = std::string()) noexcept;
+
+// EXTENSION: after a device node failed to open with `error` (errno), says at level 7 when it was
+// for lack of permission, naming the node and the udev rule that grants it; other failures keep
+// to the caller's own messages. Pass errno as the failed open left it.
+void logPermissionDenied(const std::string& path, int error);
+
 }  // namespace Talvoro
 
 #endif

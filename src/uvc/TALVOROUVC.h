@@ -6,6 +6,9 @@
 // not open); InvalidValue (-13) when an argument is refused before anything is sent (including
 // a null output pointer); UVCOpenFailed (-16) from _openUVC. No lock: the operations of one
 // object share a command buffer and must not run on two threads at once.
+//
+// Why an interface: the API layer holds a camera's UVC channel through it, so the exports do
+// not depend on the extension unit's selectors or V4L2 controls.
 #ifndef TALVORO_UVC_TALVORO_UVC_H
 #define TALVORO_UVC_TALVORO_UVC_H
 

@@ -1,12 +1,11 @@
 #include "uvc/UVC.h"
 
-#include <fcntl.h>
 #include <linux/videodev2.h>
 
 #include <cstring>
 #include <string>
 
-#include "common/Xioctl.h"
+#include "common/SysCall.h"
 #include "log/Log.h"
 #include "log/TALVOROError.h"
 
@@ -28,12 +27,14 @@ constexpr uint16_t kFarExposureLimit = 850;
 
 Result UVC::_openUVC(DeviceInfo info) {
     const std::string path(info.devicePath, strnlen(info.devicePath, sizeof info.devicePath));
-    fd_.reset(::open(path.c_str(), O_RDWR | O_NONBLOCK));
-    if (!fd_.isValid()) return setError(UVCOpenFailed);
+    if (!node_.open(path.c_str())) {
+        logPermissionDenied(path, errno);
+        return setError(UVCOpenFailed);
+    }
 
     // The descriptor stays open on the failures below; closeUVC closes it.
     v4l2_capability cap{};
-    if (xioctl(fd_.get(), VIDIOC_QUERYCAP, &cap) == -1) {
+    if (XIOCTL(node_, VIDIOC_QUERYCAP, &cap) == -1) {
         writeLog(7, "\nTalvoroSDK:VIDEOIO(Device:" + path + "): Unable to query capability");
         return setError(UVCOpenFailed);
     }
@@ -47,7 +48,7 @@ Result UVC::_openUVC(DeviceInfo info) {
 }
 
 Result UVC::closeUVC() {
-    fd_.reset();
+    node_.close();
     return setError(Ok);
 }
 

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "common/UniqueFd.h"
+#include "common/ControlNode.h"
 #include "uvc/TALVOROUVC.h"
 
 namespace Talvoro {
@@ -67,7 +67,7 @@ class UVC : public TALVOROUVC {
 
     uint8_t command_[kCommandSize] = {};
     uint16_t depthRange_ = 0;
-    UniqueFd fd_;
+    ControlNode node_;
 };
 
 }  // namespace Talvoro

@@ -3,7 +3,7 @@
 
 #include <iterator>
 
-#include "common/Xioctl.h"
+#include "common/SysCall.h"
 #include "log/Log.h"
 #include "log/TALVOROError.h"
 #include "uvc/UVC.h"
@@ -58,7 +58,7 @@ Result UVC::getUVCControl(unsigned int index, UVCProp* prop) {
 
     v4l2_control current{};
     current.id = c->id;
-    if (xioctl(fd_.get(), VIDIOC_G_CTRL, &current) == -1) return getFailed();
+    if (XIOCTL(node_, VIDIOC_G_CTRL, &current) == -1) return getFailed();
     if (c->currentOnly) {
         prop->cur_value = current.value;
         return setError(Ok);
@@ -66,7 +66,7 @@ Result UVC::getUVCControl(unsigned int index, UVCProp* prop) {
     v4l2_queryctrl query{};
     query.id = c->id;
     // The query has no failure text of its own: it reports the G_CTRL one.
-    if (xioctl(fd_.get(), VIDIOC_QUERYCTRL, &query) == -1) return getFailed();
+    if (XIOCTL(node_, VIDIOC_QUERYCTRL, &query) == -1) return getFailed();
     prop->min_value = query.minimum;
     prop->max_value = query.maximum;
     prop->cur_value = current.value;
@@ -82,7 +82,7 @@ Result UVC::setUVCControl(unsigned int index, int value) {
         ctrl.id = c->id;
         ctrl.value = value;
     }
-    if (!c || xioctl(fd_.get(), VIDIOC_S_CTRL, &ctrl) == -1) {
+    if (!c || XIOCTL(node_, VIDIOC_S_CTRL, &ctrl) == -1) {
         writeLog(7, kSetFailed);
         return setError(SetValueFailed);
     }

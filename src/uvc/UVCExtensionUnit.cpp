@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "common/Xioctl.h"
+#include "common/SysCall.h"
 #include "log/TALVOROError.h"
 #include "uvc/UVC.h"
 
@@ -14,14 +14,14 @@ namespace Talvoro {
 
 namespace {
 
-bool xuQuery(int fd, uint8_t selector, uint8_t query, uint16_t size, uint8_t* data) {
+bool xuQuery(ControlNode& node, uint8_t selector, uint8_t query, uint16_t size, uint8_t* data) {
     uvc_xu_control_query q{};
     q.unit = kXuUnit;
     q.selector = selector;
     q.query = query;
     q.size = size;
     q.data = data;
-    return xioctl(fd, UVCIOC_CTRL_QUERY, &q) == 0;
+    return XIOCTL(node, UVCIOC_CTRL_QUERY, &q) == 0;
 }
 
 }  // namespace
@@ -38,7 +38,7 @@ void UVC::_put16(std::size_t at, uint16_t value) {
 
 bool UVC::_queryLength(uint8_t selector, uint16_t* length) {
     uint8_t data[2] = {};
-    if (!xuQuery(fd_.get(), selector, UVC_GET_LEN, sizeof data, data)) return false;
+    if (!xuQuery(node_, selector, UVC_GET_LEN, sizeof data, data)) return false;
     *length = static_cast<uint16_t>(data[0] | (data[1] << 8));
     return true;
 }
@@ -47,7 +47,7 @@ bool UVC::_sendCommand(uint8_t selector, uint16_t length) {
     // The length comes from the camera: the command goes out in a buffer of exactly that size.
     std::vector<uint8_t> data(std::max<std::size_t>(length, 1), 0);
     std::memcpy(data.data(), command_, std::min<std::size_t>(length, kCommandSize));
-    return xuQuery(fd_.get(), selector, UVC_SET_CUR, length, data.data());
+    return xuQuery(node_, selector, UVC_SET_CUR, length, data.data());
 }
 
 Result UVC::_setXUCmd(uint8_t selector) {
@@ -63,7 +63,7 @@ Result UVC::_query(uint8_t selector, std::vector<uint8_t>* answer) {
         return setError(SysCallFail);
     // Room for the whole control, and never less than a command's worth of readable bytes.
     answer->assign(std::max<std::size_t>(length, kCommandSize), 0);
-    if (!xuQuery(fd_.get(), selector, UVC_GET_CUR, length, answer->data()))
+    if (!xuQuery(node_, selector, UVC_GET_CUR, length, answer->data()))
         return setError(SysCallFail);
     return setError(Ok);
 }

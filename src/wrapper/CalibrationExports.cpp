@@ -82,15 +82,10 @@ TALVORO_API Result WriteTOFPulseTuneSettings47Ohm(DeviceHandle handle, int size,
 TALVORO_API Result GetDeviceCalibrationParams(DeviceHandle handle, CalibrationParams* params) {
     return boundary("GetDeviceCalibrationParams", [&] {
         if (!params) return InvalidValue;
-        // Copied under the registry lock: the record lives in the registry.
-        Registry& reg = registry();
-        std::lock_guard<std::mutex> lock(reg.mutex);
-        int index = -1;
-        if (!reg.getDevIndex(handle, &index)) return CameraNotOpened;
-        const auto i = static_cast<std::size_t>(index);
-        if (reg.is_opened[i] != Ok) return static_cast<Result>(reg.is_opened[i]);
-        if (!reg.calibParamObtained[i]) return CalibrationDataNotFound;
-        *params = reg.devCalibParamsList[i];
+        const Camera camera = resolve(handle);
+        if (!camera.isOpen()) return static_cast<Result>(camera.openState);
+        if (!camera.calibParamObtained) return CalibrationDataNotFound;
+        *params = camera.calibParams;
         return Ok;
     });
 }

@@ -6,9 +6,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <new>
 #include <string>
 #include <vector>
+
+#include "common/DataDir.h"
+#include "frame/CalibrationCheck.h"
 
 namespace Talvoro::wrapper {
 
@@ -85,7 +89,7 @@ bool hasYamlHeader(const std::vector<unsigned char>& bytes) {
 
 // Creates or truncates `file` and writes the block as received.
 bool writeFile(const char* file, const std::vector<unsigned char>& bytes) {
-    std::FILE* f = std::fopen(file, "wb+");
+    std::FILE* f = std::fopen(dataPath(file).c_str(), "wb+");
     if (!f) {
         const int error = errno;
         logCalib("creating new file failed " + std::to_string(error));
@@ -153,15 +157,19 @@ bool fits(const cv::Mat& m, Shape shape) {
     return false;
 }
 
-// Reads one key as a double matrix. A missing key, or one of another shape, is logged and
-// leaves its bit clear.
+frame::CalibrationItem itemOf(const Key& key) {
+    using Item = frame::CalibrationItem;
+    constexpr Item kBySlot[6] = {Item::CameraMatrix, Item::Distortion, Item::CameraMatrix,
+                                 Item::Distortion,   Item::Rotation,   Item::Translation};
+    return kBySlot[key.slot];
+}
+
+// Reads one key as a double matrix. A missing key, one of another shape, or one whose size or
+// values the checks refuse (logged with the reason) is logged as missing and leaves its bit clear.
 void readKey(const cv::FileStorage& fs, const Key& key, int shift, CalibSet* set, uint16_t* bits) {
-    cv::Mat m;
-    try {
-        fs[key.name] >> m;
-    } catch (const cv::Exception&) {
-        m.release();
-    }
+    std::string refused;
+    const cv::Mat m = frame::readCalibrationMatrix(fs, key.name, itemOf(key), &refused);
+    if (!refused.empty()) logCalib(std::string(key.name) + " refused: " + refused);
     if (!fits(m, key.shape)) {
         logCalib(key.missing);
         return;
@@ -172,13 +180,37 @@ void readKey(const cv::FileStorage& fs, const Key& key, int shift, CalibSet* set
     *bits = static_cast<uint16_t>(*bits | (1u << (key.slot + shift)));
 }
 
+// Reads a block's file back, up to one byte more than the checks allow. False when it cannot be
+// opened.
+bool readFile(const char* file, std::string* text) {
+    std::FILE* f = std::fopen(dataPath(file).c_str(), "rb");
+    if (!f) return false;
+    text->resize(frame::kMaxCalibrationText + 1);
+    text->resize(std::fread(&(*text)[0], 1, text->size(), f));
+    std::fclose(f);
+    return true;
+}
+
 // Parses a block's file for the keys its validity flag selects. False (logged) ends the loading.
 bool parseBlock(const Block& block, int flag, CalibSet* plain, CalibSet* hd, uint16_t* bits) {
     cv::FileStorage fs;
-    try {
-        fs.open(block.file, cv::FileStorage::READ);
-    } catch (const cv::Exception&) {
-        fs.release();
+    std::string text;
+    if (readFile(block.file, &text)) {
+        // OpenCV's reader does not return on some malformed texts: it sees only what the checks
+        // let through, and the text it parses is the text they checked.
+        const std::string refused = frame::checkCalibrationText(text);
+        if (!refused.empty()) {
+            logCalib(std::string(block.file) + " refused: " + refused);
+        } else {
+            try {
+                fs.open(text, cv::FileStorage::READ | cv::FileStorage::MEMORY);
+            } catch (const std::exception&) {
+                // Not only cv::Exception: some malformed texts make the parser throw
+                // std::length_error.
+                logCaughtException(block.file);  // then reported not found below
+                fs.release();
+            }
+        }
     }
     if (!fs.isOpened()) {
         logCalib(std::string(block.file) +
@@ -265,11 +297,11 @@ void loadCalibration(const Camera& camera, const DeviceHandle& handle) {
             handOver(camera, false, bits, plain, &params);
         if (all(1, 2) && (bits & kHdSet) == kHdSet) handOver(camera, true, bits, hd, &params);
     }
-    update(camera.cam.get(), [&](Registry& reg, std::size_t i) {
-        reg.availableCalibData[i] = bits;
+    update(camera.cam.get(), [&](CameraRecord& r) {
+        r.availableCalibData = bits;
         if (!complete) return;
-        reg.devCalibParamsList[i] = params;
-        reg.calibParamObtained[i] = true;
+        r.calibParams = params;
+        r.calibParamObtained = true;
     });
 }
 

@@ -67,7 +67,7 @@ Result setDataMode(const Camera& camera, DataMode mode) {
         if (frameMode != Ok) return frameMode;
         if (!camera.cam->setFormat(m->width, m->height, m->format)) return SysCallFail;
     }
-    update(camera.cam.get(), [mode](Registry& reg, std::size_t i) { reg.dataModeVec[i] = mode; });
+    update(camera.cam.get(), [mode](CameraRecord& r) { r.dataMode = mode; });
     camera.cam->initFrame(mode);
     return Ok;
 }
@@ -77,7 +77,7 @@ Result setDepthRange(const Camera& camera, uint16_t range) {
     if (range == camera.depthRange) return Ok;
     const Result result = camera.uvc->setDepthRange(range);
     if (result != Ok) return result;
-    update(camera.cam.get(), [range](Registry& reg, std::size_t i) { reg.cDepthRange[i] = range; });
+    update(camera.cam.get(), [range](CameraRecord& r) { r.depthRange = range; });
     camera.cam->updateDepthRange(range);
     return Ok;
 }
@@ -109,8 +109,7 @@ Result getDataMode(const Camera& camera, DataMode* mode) {
             log(3, "\nTalvoroSDK:frame_mode : " + std::to_string(frameMode));
             log(3, "\nTalvoroSDK:cam_mode : " + std::to_string(cameraMode));
             *mode = static_cast<DataMode>(frameMode);
-            update(camera.cam.get(),
-                   [frameMode](Registry& reg, std::size_t i) { reg.dataModeVec[i] = frameMode; });
+            update(camera.cam.get(), [frameMode](CameraRecord& r) { r.dataMode = frameMode; });
         }
     }
     return Ok;

@@ -30,6 +30,7 @@ void destroy(TALVORODevice* device) noexcept {
     try {
         device->closeDevice();
     } catch (...) {
+        logCaughtException("closeDevice before deleting the Device");
     }
     delete device;
 }
@@ -48,6 +49,7 @@ struct DeviceDeleter {
             p.devices.push_back(device);
             registry().releasePending.store(true);
         } catch (...) {
+            logCaughtException("parking a Device released on its capture thread; leaked");
         }
     }
 };
@@ -61,27 +63,15 @@ struct UnloadCleanup {
         {
             Registry& reg = registry();
             std::lock_guard<std::mutex> lock(reg.mutex);
-            for (auto& c : reg.cam)
-                objects.push_back(std::move(c));
-            for (auto& h : reg.hid)
-                objects.push_back(std::move(h));
-            for (auto& u : reg.uvc)
-                objects.push_back(std::move(u));
+            for (CameraRecord& c : reg.cameras) {
+                objects.push_back(std::move(c.cam));
+                objects.push_back(std::move(c.hid));
+                objects.push_back(std::move(c.uvc));
+            }
             for (auto& r : reg.retired)
                 objects.push_back(std::move(r));
             reg.retired.clear();
-            reg.deviceListInfo.clear();
-            reg.devHandleList.clear();
-            reg.cam.clear();
-            reg.hid.clear();
-            reg.uvc.clear();
-            reg.is_opened.clear();
-            reg.dataModeVec.clear();
-            reg.cDepthRange.clear();
-            reg.availableCalibData.clear();
-            reg.calibParamObtained.clear();
-            reg.devCalibParamsList.clear();
-            reg.maxDeviceCount = 0;
+            reg.cameras.clear();
             reg.releasePending.store(true);
         }
         objects.clear();
@@ -158,8 +148,7 @@ void registerApplicationCallback(const char* function, const DeviceHandle& handl
                     inner(event, index);
                 } catch (...) {
                     // An exception would end the capture thread, and with it the process.
-                    log(7, std::string("\nTalvoroSDK:the callback given to ") + function +
-                               " threw an exception; ignored");
+                    logCaughtException(function, "(the application's callback threw; ignored)");
                 }
             };
         ((*camera.cam).*slot)(std::move(wrapped));

@@ -15,9 +15,9 @@ void reindex() {
     {
         Registry& reg = registry();
         std::lock_guard<std::mutex> lock(reg.mutex);
-        for (std::size_t i = 0; i < reg.devHandleList.size(); ++i)
-            devices.emplace_back(reg.cam[i], static_cast<unsigned>(i),
-                                 serialOf(reg.devHandleList[i].serialNo));
+        for (std::size_t i = 0; i < reg.cameras.size(); ++i)
+            devices.emplace_back(reg.cameras[i].cam, static_cast<unsigned>(i),
+                                 reg.cameras[i].serial());
     }
     for (auto& [device, index, serial] : devices)
         device->setDeviceIndex(index, serial);
@@ -36,17 +36,24 @@ void onStreamEvent(int event, int index, const TALVORODevice* origin) {
     if (camera.found) {
         if (event == 1 && camera.cam->isDeviceOpen() == CameraAlreadyOpen) {
             // An application thread opening or closing may be joining this very thread: never
-            // wait for it. Whoever holds the lock closes, or the release of the objects does.
+            // wait for it. Unregistered first, so that no new call finds the camera; then
+            // closed here unless a call is at work on it (the loss may even have been noticed
+            // inside one). Otherwise the release of the objects closes them.
             std::unique_lock<std::timed_mutex> openClose(openCloseMutex(), std::try_to_lock);
-            if (openClose.owns_lock()) closeChannels(camera);
-            Registry& reg = registry();
-            std::lock_guard<std::mutex> lock(reg.mutex);
-            const int at = reg.indexOf(camera.cam.get());
-            if (at >= 0) reg.erase(at);
+            bool idle = false;
+            {
+                Registry& reg = registry();
+                std::lock_guard<std::mutex> lock(reg.mutex);
+                const int at = reg.indexOf(camera.cam.get());
+                if (at >= 0) {
+                    idle = camera.calls->load() == 0;
+                    reg.erase(at);
+                }
+            }
+            if (openClose.owns_lock() && idle) closeChannels(camera);
         } else {
             TALVOROError::cErrorNo.store(CameraNotOpened);
-            update(camera.cam.get(),
-                   [](Registry& reg, std::size_t i) { reg.is_opened[i] = CameraNotOpened; });
+            update(camera.cam.get(), [](CameraRecord& r) { r.openState = CameraNotOpened; });
         }
     }
     // Dropped while still marked: this may be the last reference to this thread's own Device.
@@ -60,10 +67,8 @@ DeviceCallback hotplugHandler(TALVORODevice* device) {
     return [device](int event, int index) {
         try {
             onStreamEvent(event, index, device);
-        } catch (const std::exception& e) {
-            logException("deviceNotiCallBack", e.what());
         } catch (...) {
-            logException("deviceNotiCallBack", "unknown exception");
+            logException("deviceNotiCallBack");
         }
     };
 }

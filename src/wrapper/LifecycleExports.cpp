@@ -9,50 +9,56 @@ using namespace wrapper;
 
 namespace {
 
-// Rescans and registers cameras not known yet. Takes the registry lock.
+// Rescans (outside the registry lock) and registers cameras not known yet (under it).
 Result countDevices(uint32_t* count) {
     Registry& reg = registry();
-    std::lock_guard<std::mutex> lock(reg.mutex);
-    reg.is_init = reg.enumerate->initialize();
-    if (reg.is_init == NotInitialized) return NotInitialized;
+    TALVOROEnumerator& enumerator = *reg.enumerate;
+    uint32_t known = 0;
+    {
+        std::lock_guard<std::mutex> lock(reg.mutex);
+        known = reg.maxDeviceCount();
+    }
+    const Result initialized = enumerator.initialize();
     unsigned int found = 0;
-    const Result result = reg.enumerate->getDeviceCount(&found);
-    if (result < 0) return result;
-    if (found > reg.maxDeviceCount && found >= 1) {
-        for (unsigned int i = 0; i < found; ++i) {
-            DeviceInfo info{};
-            // A camera that vanished between the count and this query is not registered.
-            if (reg.enumerate->getDeviceInfo(i, &info) != Ok) continue;
-            const std::string serial = serialOf(info.serialNo);
-            // Appended unless it equals every registered serial: with one camera registered
-            // that admits exactly the new ones; with more, a known camera can come in again
-            // (its second entry is never reached: handles resolve to the first).
-            bool append = reg.deviceListInfo.empty();
-            for (const DeviceInfo& known : reg.deviceListInfo) {
-                if (serialOf(known.serialNo) != serial) {
-                    append = true;
-                    break;
-                }
+    Result result = NotInitialized;
+    std::vector<ScannedCamera> scanned;
+    if (initialized != NotInitialized) {
+        result = enumerator.getDeviceCount(&found);
+        // Described only when the registry may grow. Should it shrink meanwhile, the next
+        // count registers what this one leaves.
+        if (result >= 0 && found > known) {
+            for (unsigned int i = 0; i < found; ++i) {
+                DeviceInfo info{};
+                // A camera that vanished between the count and this query is not registered.
+                if (enumerator.getDeviceInfo(i, &info) == Ok) scanned.push_back({i, info});
             }
-            if (append) reg.append(info, i);
         }
     }
+    std::lock_guard<std::mutex> lock(reg.mutex);
+    reg.is_init = initialized;
+    if (initialized == NotInitialized) return NotInitialized;
+    if (result < 0) return result;
+    reg.merge(found, scanned);
     *count = found;
     return result;
 }
 
 // The list queries: the library must be initialised and the number pass the enumeration's own
-// check before the query runs.
+// check before the query runs. The enumeration rescans, so neither runs under the lock.
 template <typename F>
 Result listQuery(uint32_t number, bool argumentGiven, F&& query) {
     Registry& reg = registry();
+    {
+        std::lock_guard<std::mutex> lock(reg.mutex);
+        if (reg.is_init == NotInitialized) return NotInitialized;
+    }
+    const Result valid = reg.enumerate->isValidIndex(number);
+    Result answer = valid;
+    if (valid == Ok) answer = argumentGiven ? query(*reg.enumerate) : InvalidValue;
     std::lock_guard<std::mutex> lock(reg.mutex);
-    if (reg.is_init == NotInitialized) return NotInitialized;
-    reg.status = reg.enumerate->isValidIndex(number);
-    if (reg.status != Ok) return static_cast<Result>(reg.status);
-    if (!argumentGiven) return InvalidValue;
-    reg.status = query(*reg.enumerate);
-    return static_cast<Result>(reg.status);
+    // status keeps the enumeration's last answer; a refused argument is not one.
+    if (valid != Ok || argumentGiven) reg.status = answer;
+    return answer;
 }
 
 }  // namespace
@@ -61,17 +67,20 @@ extern "C" {
 
 TALVORO_API Result Initialize() {
     return boundary("Initialize", [] {
+        Registry& reg = registry();
         {
-            Registry& reg = registry();
             std::lock_guard<std::mutex> lock(reg.mutex);
             reg.is_init = reg.enumerate->isInitialized();
             if (reg.is_init != NotInitialized) return Ok;
-            reg.is_init = reg.enumerate->initialize();
+        }
+        const Result initialized = reg.enumerate->initialize();  // a udev scan: not locked
+        {
+            std::lock_guard<std::mutex> lock(reg.mutex);
+            reg.is_init = initialized;
             reg.logFileName = "Log" + Log::GetTimestamp() + ".txt";
         }
         uint32_t count = 0;
         countDevices(&count);
-        Registry& reg = registry();
         std::lock_guard<std::mutex> lock(reg.mutex);
         return static_cast<Result>(reg.is_init);
     });
@@ -121,9 +130,7 @@ TALVORO_API Result GetDeviceInfo(uint32_t index, DeviceInfo* info) {
 TALVORO_API Result GetSDKVersion(uint8_t* major, uint8_t* minor, uint16_t* patch) {
     return boundary("GetSDKVersion", [&] {
         if (!major || !minor || !patch) return InvalidValue;
-        Registry& reg = registry();
-        std::lock_guard<std::mutex> lock(reg.mutex);
-        return reg.enumerate->getSDKVersion(major, minor, patch);
+        return registry().enumerate->getSDKVersion(major, minor, patch);
     });
 }
 

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <string>
 
+#include "common/SysCall.h"
 #include "wrapper/CalibrationStore.h"
 #include "wrapper/TalvoroWrapper.h"
 
@@ -16,20 +17,30 @@ void logStep(const std::string& message) {
     log(7, "\nTalvoroSDK:" + message);
 }
 
+// A failure's code, and the system call behind it when there was one: " -14 (write: ...)".
+std::string failureText(Result result) {
+    const std::string call = lastSysCallFailure().describe();
+    return " " + std::to_string(result) + (call.empty() ? "" : " (" + call + ")");
+}
+
 void logBoardConfig(const Camera& camera) {
     std::string text;
+    clearSysCallFailure();
     const Result result = camera.hid->getBoardConfigData(&text);
     if (result == Ok)
         logStep("Board Config Data : " + text);
     else
-        logStep("Board Config Data could not be read " + std::to_string(result));
+        logStep("Board Config Data could not be read" + failureText(result));
 }
 
 void setOpenState(const Camera& camera, int32_t state) {
-    update(camera.cam.get(), [state](Registry& reg, std::size_t i) { reg.is_opened[i] = state; });
+    update(camera.cam.get(), [state](CameraRecord& r) { r.openState = state; });
 }
 
-// Steps 8 to 19 of opening, once the camera is known, closed and connected.
+// Opens the channels of a camera that is known, closed and connected (HID, UVC, capture
+// device), then reads its depth range and data mode and loads its calibration. A failure
+// after the camera was marked open closes it yet answers what closing answered (Ok): kept on
+// purpose, pinned by OpenClose.AnUnreadableDepthRangeClosesTheCameraYetReportsOk.
 Result openChannels(const Camera& camera, DeviceInfo& info, const DeviceHandle& local,
                     DeviceHandle* handle) {
     // Whatever happens, the path out of a failure is the same: close, record what closing
@@ -55,7 +66,7 @@ Result openChannels(const Camera& camera, DeviceInfo& info, const DeviceHandle& 
     // the slot empty; it identifies its camera by Device, not by index.
     camera.cam->registerWrapperNotificationCallback(hotplugHandler(camera.cam.get()));
     if (!camera.cam->open(info)) return fail();
-    camera.cam->setDeviceIndex(camera.index, camera.serial);
+    camera.cam->setDeviceIndex(camera.index, camera.serial());
     if (camera.cam->isDeviceOpen() == CameraNotOpened) return fail();
 
     *handle = local;
@@ -68,17 +79,18 @@ Result openChannels(const Camera& camera, DeviceInfo& info, const DeviceHandle& 
         return fail();
     }
     logStep("OpenDevice - GetDepthRange success ");
-    update(camera.cam.get(), [range](Registry& reg, std::size_t i) { reg.cDepthRange[i] = range; });
+    update(camera.cam.get(), [range](CameraRecord& r) { r.depthRange = range; });
     camera.cam->updateDepthRange(range);
 
     DataMode mode = static_cast<DataMode>(camera.dataMode);
+    clearSysCallFailure();
     const Result modeResult = getDataMode(camera, &mode);
     if (modeResult < 0) {
-        logStep("OpenDevice - GetDataMode failed " + std::to_string(modeResult));
+        logStep("OpenDevice - GetDataMode failed" + failureText(modeResult));
         return fail();
     }
     logStep("OpenDevice - GetDataMode success ");
-    update(camera.cam.get(), [mode](Registry& reg, std::size_t i) { reg.dataModeVec[i] = mode; });
+    update(camera.cam.get(), [mode](CameraRecord& r) { r.dataMode = mode; });
     camera.cam->initFrame(mode);
 
     if (!camera.calibParamObtained) loadCalibration(camera, local);
@@ -107,9 +119,9 @@ Result closeCamera(const DeviceHandle& handle) {
     if (camera.openState != Ok) return static_cast<Result>(camera.openState);
     if (camera.cam->isDeviceOpen() == CameraAlreadyOpen) {
         closeChannels(camera);
-        update(camera.cam.get(), [](Registry& reg, std::size_t i) {
-            reg.calibParamObtained[i] = false;
-            reg.is_opened[i] = CameraNotOpened;
+        update(camera.cam.get(), [](CameraRecord& r) {
+            r.calibParamObtained = false;
+            r.openState = CameraNotOpened;
         });
         return Ok;
     }
@@ -132,14 +144,18 @@ TALVORO_API Result OpenDevice(DeviceInfo info, DeviceHandle* handle) {
         if (!camera.found) return InvalidNode;
         logStep("before isDeviceOpen : ");
         if (camera.cam->isDeviceOpen() == CameraAlreadyOpen) return CameraAlreadyOpen;
+        Registry& reg = registry();
         {
-            Registry& reg = registry();
             std::lock_guard<std::mutex> lock(reg.mutex);
             if (reg.is_init == NotInitialized) return NotInitialized;
-            logStep("before isValidIndex : ");
-            reg.status = reg.enumerate->isValidIndex(camera.index);
-            if (reg.status != Ok) return static_cast<Result>(reg.status);
         }
+        logStep("before isValidIndex : ");
+        const Result valid = reg.enumerate->isValidIndex(camera.index);  // rescans: not locked
+        {
+            std::lock_guard<std::mutex> lock(reg.mutex);
+            reg.status = valid;
+        }
+        if (valid != Ok) return valid;
         logStep("before strcpy : ");
         DeviceHandle local{};
         const std::string serial = serialOf(info.serialNo);

@@ -1,4 +1,5 @@
-// The camera registry: parallel per-camera lists, handle resolution and the call guard's rules.
+// The camera registry: one record per camera, handle resolution, the registration rule and the
+// call guard's rules.
 #include <cstring>
 #include <string>
 
@@ -34,11 +35,12 @@ OpenCloseLock::OpenCloseLock() : lock_(openCloseMutex(), std::defer_lock) {
 
 namespace {
 
-// The first record of `list` carrying `serial`.
-template <typename Record>
-bool firstWithSerial(const std::vector<Record>& list, const std::string& serial, int* index) {
-    for (std::size_t i = 0; i < list.size(); ++i) {
-        if (serialOf(list[i].serialNo) == serial) {
+// The first record carrying `serial`. A record's handle is its DeviceInfo's serial, so handles
+// and records resolve alike.
+bool firstWithSerial(const std::vector<CameraRecord>& cameras, const std::string& serial,
+                     int* index) {
+    for (std::size_t i = 0; i < cameras.size(); ++i) {
+        if (cameras[i].serial() == serial) {
             *index = static_cast<int>(i);
             return true;
         }
@@ -49,124 +51,84 @@ bool firstWithSerial(const std::vector<Record>& list, const std::string& serial,
 }  // namespace
 
 bool Registry::getDevIndex(const DeviceHandle& handle, int* index) const {
-    return firstWithSerial(devHandleList, serialOf(handle.serialNo), index);
+    return firstWithSerial(cameras, serialOf(handle.serialNo), index);
 }
 
 bool Registry::getDeviceIndexFromDeviceInfo(const DeviceInfo& info, int* index) const {
-    return firstWithSerial(deviceListInfo, serialOf(info.serialNo), index);
+    return firstWithSerial(cameras, serialOf(info.serialNo), index);
 }
 
 int Registry::indexOf(const TALVORODevice* device) const {
-    for (std::size_t i = 0; i < cam.size(); ++i)
-        if (cam[i].get() == device) return static_cast<int>(i);
+    for (std::size_t i = 0; i < cameras.size(); ++i)
+        if (cameras[i].cam.get() == device) return static_cast<int>(i);
     return -1;
 }
 
 Camera Registry::snapshot(int index) const {
     Camera c;
-    if (index < 0 || static_cast<uint32_t>(index) >= maxDeviceCount) return c;
-    const auto i = static_cast<std::size_t>(index);
+    if (index < 0 || static_cast<std::size_t>(index) >= cameras.size()) return c;
+    static_cast<CameraRecord&>(c) = cameras[static_cast<std::size_t>(index)];
     c.found = true;
     c.index = static_cast<unsigned>(index);
-    c.openState = is_opened[i];
-    c.dataMode = dataModeVec[i];
-    c.depthRange = cDepthRange[i];
-    c.calibParamObtained = calibParamObtained[i];
-    c.serial = serialOf(devHandleList[i].serialNo);
-    c.cam = cam[i];
-    c.hid = hid[i];
-    c.uvc = uvc[i];
     return c;
 }
 
-void Registry::append(const DeviceInfo& info, unsigned enumIndex) {
-    // Build everything first, so that a failure leaves every list as it was.
-    DevicePtr device = makeDevice(static_cast<int>(enumIndex));
-    HidPtr hidChannel = std::make_shared<HID>();
-    UvcPtr uvcChannel = std::make_shared<UVC>();
-    DeviceHandle handle{};
-    std::memcpy(handle.serialNo, info.serialNo, sizeof handle.serialNo);
-    handle.serialNo[sizeof handle.serialNo - 1] = '\0';
-    const std::size_t n = deviceListInfo.size() + 1;
-    deviceListInfo.reserve(n);
-    devHandleList.reserve(n);
-    cam.reserve(n);
-    hid.reserve(n);
-    uvc.reserve(n);
-    is_opened.reserve(n);
-    dataModeVec.reserve(n);
-    cDepthRange.reserve(n);
-    availableCalibData.reserve(n);
-    calibParamObtained.reserve(n);
-    devCalibParamsList.reserve(n);
+namespace {
 
-    deviceListInfo.push_back(info);
-    cam.push_back(std::move(device));
-    hid.push_back(std::move(hidChannel));
-    uvc.push_back(std::move(uvcChannel));
-    is_opened.push_back(CameraNotOpened);
-    availableCalibData.push_back(0);
-    calibParamObtained.push_back(false);
-    devHandleList.push_back(handle);
-    devCalibParamsList.push_back(CalibrationParams{});
-    cDepthRange.push_back(kDefaultDepthRange);
-    dataModeVec.push_back(Depth_IR_RGB_VGA_Mode);
-    ++maxDeviceCount;
+// The registration rule, kept as it has always been: a scanned camera is appended unless its
+// serial equals that of every registered camera. With one camera registered that admits exactly
+// the new ones; with more, a known camera comes in again (its second entry is never reached:
+// handles resolve to the first). Pinned by Registration.KnownCameraComesInAgainBesideTwo.
+bool admits(const std::vector<CameraRecord>& cameras, const std::string& serial) {
+    if (cameras.empty()) return true;
+    for (const CameraRecord& known : cameras)
+        if (known.serial() != serial) return true;
+    return false;
 }
 
-void Registry::erase(int index) {
-    const auto at = static_cast<std::ptrdiff_t>(index);
-    retired.push_back(std::move(cam[static_cast<std::size_t>(index)]));
-    retired.push_back(std::move(hid[static_cast<std::size_t>(index)]));
-    retired.push_back(std::move(uvc[static_cast<std::size_t>(index)]));
-    releasePending.store(true);
-    deviceListInfo.erase(deviceListInfo.begin() + at);
-    cam.erase(cam.begin() + at);
-    hid.erase(hid.begin() + at);
-    uvc.erase(uvc.begin() + at);
-    devHandleList.erase(devHandleList.begin() + at);
-    cDepthRange.erase(cDepthRange.begin() + at);
-    dataModeVec.erase(dataModeVec.begin() + at);
-    availableCalibData.erase(availableCalibData.begin() + at);
-    calibParamObtained.erase(calibParamObtained.begin() + at);
-    devCalibParamsList.erase(devCalibParamsList.begin() + at);
-    is_opened.erase(is_opened.begin() + at);
-    --maxDeviceCount;
-}
+}  // namespace
 
-void Registry::clear(std::vector<std::shared_ptr<void>>* released) {
-    const std::size_t n = devHandleList.size();
-    for (std::size_t k = 0; k < n; ++k) {
-        log(3, "\n\nTalvoroSDK: Before cam pop back maxDeviceCount :" +
-                   std::to_string(maxDeviceCount) + " cam.size :" + std::to_string(cam.size()));
-        released->push_back(std::move(cam.back()));
-        cam.pop_back();
-        log(3, "\n\nTalvoroSDK: Before hid pop back maxDeviceCount :" +
-                   std::to_string(maxDeviceCount) + " hid.size :" + std::to_string(hid.size()));
-        released->push_back(std::move(hid.back()));
-        hid.pop_back();
-        log(3, "\n\nTalvoroSDK: Before uvc pop back maxDeviceCount :" +
-                   std::to_string(maxDeviceCount) + " uvc.size :" + std::to_string(uvc.size()));
-        released->push_back(std::move(uvc.back()));
-        uvc.pop_back();
-        deviceListInfo.erase(deviceListInfo.begin());
-        devHandleList.erase(devHandleList.begin());
-        cDepthRange.erase(cDepthRange.begin());
-        dataModeVec.erase(dataModeVec.begin());
-        availableCalibData.erase(availableCalibData.begin());
-        calibParamObtained.erase(calibParamObtained.begin());
-        devCalibParamsList.erase(devCalibParamsList.begin());
-        is_opened.erase(is_opened.begin());
-        --maxDeviceCount;
+void Registry::merge(unsigned scannedCount, const std::vector<ScannedCamera>& scanned) {
+    // Cameras that vanished are removed only by the unplug handler.
+    if (scannedCount <= cameras.size() || scannedCount < 1) return;
+    for (const ScannedCamera& s : scanned) {
+        if (!admits(cameras, serialOf(s.info.serialNo))) continue;
+        // Built first, so that a failure leaves the registry as it was.
+        CameraRecord record;
+        record.info = s.info;
+        std::memcpy(record.handle.serialNo, s.info.serialNo, sizeof record.handle.serialNo);
+        record.handle.serialNo[sizeof record.handle.serialNo - 1] = '\0';
+        record.cam = makeDevice(static_cast<int>(s.enumIndex));
+        record.hid = std::make_shared<HID>();
+        record.uvc = std::make_shared<UVC>();
+        cameras.push_back(std::move(record));
     }
 }
 
-bool Registry::checkInvariant() const {
-    const std::size_t n = maxDeviceCount;
-    return deviceListInfo.size() == n && devHandleList.size() == n && cam.size() == n &&
-           hid.size() == n && uvc.size() == n && is_opened.size() == n && dataModeVec.size() == n &&
-           cDepthRange.size() == n && availableCalibData.size() == n &&
-           calibParamObtained.size() == n && devCalibParamsList.size() == n;
+void Registry::erase(int index) {
+    auto at = cameras.begin() + index;
+    retired.push_back(std::move(at->cam));
+    retired.push_back(std::move(at->hid));
+    retired.push_back(std::move(at->uvc));
+    releasePending.store(true);
+    cameras.erase(at);
+}
+
+void Registry::clear(std::vector<std::shared_ptr<void>>* released) {
+    while (!cameras.empty()) {
+        CameraRecord& last = cameras.back();
+        // The objects were once kept in lists of their own, popped in turn; the lines say so.
+        const std::string count = std::to_string(cameras.size());
+        std::pair<const char*, std::shared_ptr<void>> objects[] = {{"cam", std::move(last.cam)},
+                                                                   {"hid", std::move(last.hid)},
+                                                                   {"uvc", std::move(last.uvc)}};
+        for (auto& [name, object] : objects) {
+            log(3, std::string("\n\nTalvoroSDK: Before ") + name +
+                       " pop back maxDeviceCount :" + count + " " + name + ".size :" + count);
+            released->push_back(std::move(object));
+        }
+        cameras.pop_back();
+    }
 }
 
 Camera resolve(const DeviceHandle& handle) {
@@ -175,6 +137,19 @@ Camera resolve(const DeviceHandle& handle) {
     int index = -1;
     if (!reg.getDevIndex(handle, &index)) return Camera{};
     return reg.snapshot(index);
+}
+
+CallOnCamera::CallOnCamera(const DeviceHandle& handle) {
+    Registry& reg = registry();
+    std::lock_guard<std::mutex> lock(reg.mutex);
+    int index = -1;
+    if (!reg.getDevIndex(handle, &index)) return;
+    camera_ = reg.snapshot(index);
+    ++*camera_.calls;
+}
+
+CallOnCamera::~CallOnCamera() {
+    if (camera_.found) --*camera_.calls;
 }
 
 Camera resolveInfo(const DeviceInfo& info) {
@@ -205,8 +180,12 @@ bool permits(ModeRule rule, unsigned mode) {
     return false;
 }
 
-void logException(const char* function, const char* what) {
-    log(7, std::string("\nTalvoroSDK:") + function + " failed: " + what);
+void logException(const char* function) noexcept {
+    try {
+        logCaughtException((std::string(function) + " failed").c_str());
+    } catch (...) {
+        logCaughtException(function);
+    }
 }
 
 }  // namespace Talvoro::wrapper

@@ -2,12 +2,12 @@
 // resolution, the per-camera call guard with its data-mode rules, and the boundary every
 // exported function runs inside.
 //
-// Locking. One registry lock guards the lists and the enumerator. It is held only while lists
-// are read or changed, never while a Device, HID or UVC object is called: an application thread
-// in CloseDevice joins a capture thread that may itself be waiting for the registry lock in the
-// unplug handler. Calls copy what they need (a Camera) out under the lock and work on the copy.
-// A second lock serialises opening and closing (they share the calibration files); the unplug
-// handler only tries it, for the same reason.
+// Locking. One registry lock guards the camera records. It is held only while they are read
+// or changed, never during a udev scan and never while a Device, HID or UVC object is called:
+// an application thread in CloseDevice joins a capture thread that may itself be waiting for
+// the registry lock in the unplug handler. Calls copy what they need (a Camera) out under the
+// lock and work on the copy. A second lock serialises opening and closing (they share the
+// calibration files); the unplug handler only tries it, for the same reason.
 //
 // Lifetime. A capture thread runs inside its Device without holding a reference to it, so the
 // last reference to a Device must never be dropped on that thread or while that thread still
@@ -54,43 +54,54 @@ std::string serialOf(const char (&serial)[N]) {
     return std::string(serial, n);
 }
 
-// One registry entry as a call sees it, copied out under the registry lock.
-struct Camera {
-    bool found = false;
-    unsigned index = 0;
-    // The entry's open state: Ok while open, CameraNotOpened otherwise (and for a handle that
-    // names no camera).
-    int32_t openState = CameraNotOpened;
-    uint16_t dataMode = Depth_IR_RGB_VGA_Mode;
-    uint16_t depthRange = kDefaultDepthRange;
-    bool calibParamObtained = false;
-    std::string serial;
+// One registered camera: its identity, its three objects and its per-camera state. A new
+// per-camera field is added here, with its default, and nowhere else.
+struct CameraRecord {
+    DeviceInfo info{};      // as the enumeration described it at registration
+    DeviceHandle handle{};  // the serial, which handles are resolved against
     DevicePtr cam;
     HidPtr hid;
     UvcPtr uvc;
+    // Ok while open, CameraNotOpened otherwise.
+    int32_t openState = CameraNotOpened;
+    uint16_t dataMode = Depth_IR_RGB_VGA_Mode;
+    uint16_t depthRange = kDefaultDepthRange;
+    // Which calibration matrices the camera holds (CalibrationStore.h).
+    uint16_t availableCalibData = 0;
+    bool calibParamObtained = false;
+    CalibrationParams calibParams{};
+    // Application calls at work on this camera (see CallOnCamera); shared by every copy.
+    std::shared_ptr<std::atomic<int>> calls = std::make_shared<std::atomic<int>>(0);
+
+    std::string serial() const { return serialOf(handle.serialNo); }
+};
+
+// One registry entry as a call sees it: a copy of the record taken under the registry lock,
+// with its position at that moment. For a handle that names no camera `found` is false and the
+// open state CameraNotOpened.
+struct Camera : CameraRecord {
+    bool found = false;
+    unsigned index = 0;
 
     bool isOpen() const { return found && openState == Ok; }
 };
 
-// Process-wide state of the API layer: parallel per-camera lists, entry i of each describing
-// the camera whose DeviceInfo is deviceListInfo[i]. Every member is guarded by `mutex`.
+// A camera the enumeration found: its enumeration index and description.
+struct ScannedCamera {
+    unsigned enumIndex;
+    DeviceInfo info;
+};
+
+// Process-wide state of the API layer: one record per registered camera, in registry order (a
+// camera's position is its device index). Every member is guarded by `mutex` except the
+// enumerator, which is created once and keeps its own state safe: udev scans run outside the
+// lock and only their results are merged under it.
 struct Registry {
     std::mutex mutex;
     std::unique_ptr<TALVOROEnumerator> enumerate;
     int32_t is_init = NotInitialized;
     int32_t status = NotInitialized;
-    uint32_t maxDeviceCount = 0;
-    std::vector<DeviceInfo> deviceListInfo;
-    std::vector<DeviceHandle> devHandleList;
-    std::vector<DevicePtr> cam;
-    std::vector<HidPtr> hid;
-    std::vector<UvcPtr> uvc;
-    std::vector<int32_t> is_opened;
-    std::vector<uint16_t> dataModeVec;
-    std::vector<uint16_t> cDepthRange;
-    std::vector<uint16_t> availableCalibData;
-    std::vector<bool> calibParamObtained;
-    std::vector<CalibrationParams> devCalibParamsList;
+    std::vector<CameraRecord> cameras;
     // Named by Initialize; nothing reads it (the log names its own file).
     std::string logFileName;
     // Objects erased on a capture thread, released by the next application thread.
@@ -98,19 +109,20 @@ struct Registry {
     // Set when something waits in `retired` or among the parked Devices; read without the lock.
     std::atomic<bool> releasePending{false};
 
+    uint32_t maxDeviceCount() const { return static_cast<uint32_t>(cameras.size()); }
     // First entry whose handle / record carries the serial; false leaves *index untouched.
     bool getDevIndex(const DeviceHandle& handle, int* index) const;
     bool getDeviceIndexFromDeviceInfo(const DeviceInfo& info, int* index) const;
     // The entry holding `device`, or -1.
     int indexOf(const TALVORODevice* device) const;
     Camera snapshot(int index) const;
-    // Registers a camera found at enumeration index `enumIndex`.
-    void append(const DeviceInfo& info, unsigned enumIndex);
-    // Removes entry `index` from every list; its objects go to `retired`.
+    // When the scan counted more cameras than are registered, registers those of `scanned`
+    // that the registration rule admits (Registry.cpp).
+    void merge(unsigned scannedCount, const std::vector<ScannedCamera>& scanned);
+    // Removes entry `index`; its objects go to `retired`.
     void erase(int index);
     // Removes every entry, logging as it goes; the objects are moved to *released.
     void clear(std::vector<std::shared_ptr<void>>* released);
-    bool checkInvariant() const;
 };
 
 // The registry; it lives until the process ends (the objects in it are released at unload).
@@ -142,14 +154,30 @@ void setDeviceFactory(DeviceFactory factory);
 Camera resolve(const DeviceHandle& handle);
 Camera resolveInfo(const DeviceInfo& info);
 
-// Runs f(registry, index) under the registry lock when `device` is still registered.
+// An application call at work on a camera, from its resolution (under the registry lock, so
+// that the unplug handler, which erases under it, sees every call that found the camera) to
+// its end. The unplug handler leaves the closing of a camera with calls at work to the release
+// of its objects, which happens on an application thread once they are done.
+class CallOnCamera {
+  public:
+    explicit CallOnCamera(const DeviceHandle& handle);
+    ~CallOnCamera();
+    CallOnCamera(const CallOnCamera&) = delete;
+    CallOnCamera& operator=(const CallOnCamera&) = delete;
+    const Camera& camera() const { return camera_; }
+
+  private:
+    Camera camera_;
+};
+
+// Runs f(record) under the registry lock when `device` is still registered.
 template <typename F>
 bool update(const TALVORODevice* device, F&& f) {
     Registry& reg = registry();
     std::lock_guard<std::mutex> lock(reg.mutex);
     const int index = reg.indexOf(device);
     if (index < 0) return false;
-    f(reg, static_cast<std::size_t>(index));
+    f(reg.cameras[static_cast<std::size_t>(index)]);
     return true;
 }
 
@@ -179,7 +207,8 @@ void registerApplicationCallback(const char* function, const DeviceHandle& handl
 DeviceCallback hotplugHandler(TALVORODevice* device);
 void deviceNotiCallBack(int event, int index);
 
-void logException(const char* function, const char* what);
+// In a catch block: logs "<function> failed: <what was caught>" at level 7; never throws.
+void logException(const char* function) noexcept;
 
 // The boundary of every exported function: releases what capture threads retired and turns an
 // escaping exception into `onFailure` with a level-7 log line.
@@ -188,10 +217,8 @@ R boundary(const char* function, R onFailure, F&& body) noexcept {
     try {
         releaseRetired();
         return body();
-    } catch (const std::exception& e) {
-        logException(function, e.what());
     } catch (...) {
-        logException(function, "unknown exception");
+        logException(function);
     }
     TALVOROError::cErrorNo.store(OperationFailed);
     return onFailure;
@@ -218,7 +245,8 @@ bool permits(ModeRule rule, unsigned mode);
 // satisfy `rule`; then f(camera) runs and its result is returned unchanged.
 template <typename F>
 Result guarded(const DeviceHandle& handle, ModeRule rule, F&& f) {
-    const Camera camera = resolve(handle);
+    const CallOnCamera call(handle);
+    const Camera& camera = call.camera();
     if (!camera.isOpen()) return static_cast<Result>(camera.openState);
     if (!permits(rule, camera.dataMode)) return NotSupportedInDataMode;
     return f(camera);
@@ -232,7 +260,8 @@ Result callCamera(const char* function, const DeviceHandle& handle, ModeRule rul
 
 // Shared by the exports, the open sequence and the unplug handler.
 Result closeCamera(const DeviceHandle& handle);
-// Closes the capture device, then the HID and the UVC channel, logging each step.
+// Closes the capture device, then the HID and the UVC channel, logging each step. Not the
+// reverse of the open order (HID, UVC, capture device): kept as it always was.
 void closeChannels(const Camera& camera);
 Result getDepthRange(const Camera& camera, uint16_t* range);
 Result getDataMode(const Camera& camera, DataMode* mode);

@@ -1,4 +1,4 @@
-// The Device when the camera goes away or stops sending.
+// The Device when the camera goes away, stops sending or lies about its buffers.
 #include <memory>
 
 #include <gtest/gtest.h>
@@ -12,9 +12,11 @@ namespace {
 
 using Unplug = VcamTest;
 using Stall = VcamTest;
+using Lies = VcamTest;
 
 // device.unplug: GONE-1 on /dev/video0, GONE-2 on /dev/video2, GONE-3 on /dev/video4.
 TEST_F(Unplug, NotifiesOnceAndStoppingAfterwardsNeitherStreamsOffNorJoins) {
+    talvoro_test::LogCapture log;
     Recorder frames, events;  // the wrapper's events are recorded as 100 + event
     Gate release;
     Device device(0);
@@ -31,6 +33,10 @@ TEST_F(Unplug, NotifiesOnceAndStoppingAfterwardsNeitherStreamsOffNorJoins) {
 
     ASSERT_TRUE(talvoro_vcam::injectFault("GONE-1", "unplug"));
     ASSERT_TRUE(events.waitFor(1));
+    // Told apart from a driver failing otherwise.
+    EXPECT_EQ(log.count("\nTalvoroSDK:stream lost, VIDIOC_DQBUF: No such device (camera gone)   2"
+                        "   GONE-1\n"),
+              1u);
     // The acquisition thread is still inside the application's callback. A STREAMOFF would
     // fail on the gone camera (and the stop with it); a join would wait for ever.
     EXPECT_FALSE(device.isStreaming());
@@ -113,6 +119,45 @@ TEST_F(Stall, WithoutNotificationCallbackOnlyLogs) {
     ASSERT_TRUE(eventually([&] { return log.count("select timeout") >= 1; }, kTimeOut));
     talvoro_vcam::clearFault("STALL", "stall");
     EXPECT_EQ(fetchFrame(device), Ok);
+}
+
+// device.lies: LIAR on /dev/video0. Each lie is refused with a code and never makes the
+// Device read past a mapping (the sanitizer runs would see it); the camera streams again once
+// it tells the truth.
+TEST_F(Lies, ImpossibleDriverAnswersAreRefusedWithACode) {
+    Device device(0);
+    device.setDeviceIndex(0, "LIAR");
+    ASSERT_TRUE(device.open(nodeInfo("/dev/video0")));
+    ASSERT_EQ(device.initFrame(Depth_IR_RGB_VGA_Mode), Ok);
+    ASSERT_EQ(fetchFrame(device), Ok);
+
+    // More bytes used than the buffer holds, an index beyond the buffers.
+    for (const char* lie : {"long", "bad-index"}) {
+        SCOPED_TRACE(lie);
+        ASSERT_TRUE(talvoro_vcam::injectFault("LIAR", lie));
+        EXPECT_TRUE(eventually([&] { return device.getframe() == FrameSeparationFailed; }));
+        ASSERT_TRUE(talvoro_vcam::clearFault("LIAR", lie));
+        // A buffer dequeued under a wrong index is lost to the driver: a restart brings it back.
+        ASSERT_EQ(device.setFormat(1280, 600, 1), 1);
+        EXPECT_EQ(fetchFrame(device), Ok);
+    }
+    EXPECT_GE(log.count("impossible buffer from VIDIOC_DQBUF 0   LIAR"), 2u);
+
+    // Buffers of length 0 cannot be mapped: the capture does not start.
+    ASSERT_TRUE(talvoro_vcam::injectFault("LIAR", "zero-length"));
+    EXPECT_EQ(device.setFormat(1280, 600, 1), 0);
+    EXPECT_EQ(log.count("failed mmap(): 0   LIAR"), 1u);
+    ASSERT_TRUE(talvoro_vcam::clearFault("LIAR", "zero-length"));
+
+    // A format answer of another size is accepted; its frames are too small to separate.
+    ASSERT_TRUE(talvoro_vcam::injectFault("LIAR", "format-size:320x240"));
+    ASSERT_EQ(device.setFormat(1280, 600, 1), 1);
+    EXPECT_EQ(device.capturedFrameSize(), 320u * 240 * 2);
+    EXPECT_EQ(fetchFrame(device), FrameSeparationFailed);
+    ASSERT_TRUE(talvoro_vcam::clearFault("LIAR", "format-size"));
+    ASSERT_EQ(device.setFormat(1280, 600, 1), 1);
+    EXPECT_EQ(fetchFrame(device), Ok);
+    device.closeDevice();
 }
 
 }  // namespace

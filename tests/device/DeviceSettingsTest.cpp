@@ -23,7 +23,7 @@ TEST_F(Settings, IrGainAndAveragingWindowRefuseOutOfRangeValues) {
         EXPECT_EQ(device.setTOFIRGain(gain), InvalidValue) << gain;
         EXPECT_EQ(lastError(), InvalidValue);
     }
-    EXPECT_EQ(frame.irGain.load(), 16);
+    EXPECT_EQ(frame.settings().irGain, 16);
     EXPECT_EQ(device.setTOFIRGain(100), Ok);
     unsigned short gain = 0;
     EXPECT_EQ(device.getTOFIRGain(&gain), Ok);
@@ -35,77 +35,86 @@ TEST_F(Settings, IrGainAndAveragingWindowRefuseOutOfRangeValues) {
         EXPECT_EQ(device.updateAvgXandY(w, h), OperationFailed) << w << "x" << h;
         EXPECT_EQ(lastError(), OperationFailed);
     }
-    EXPECT_EQ(frame.avgWindowWidth.load(), 600);
-    EXPECT_EQ(frame.avgWindowHeight.load(), 400);
+    EXPECT_EQ(frame.settings().avgWindowWidth, 600);
+    EXPECT_EQ(frame.settings().avgWindowHeight, 400);
 }
 
 TEST_F(Settings, ColourMapKeepsTheMapForNumbersAbove21) {
     EXPECT_EQ(device.updateColorMap(0, 6000, 22), Ok);
-    EXPECT_EQ(frame.colorMapType.load(), 4);
-    EXPECT_EQ(frame.depthMax.load(), 6000);
-    EXPECT_DOUBLE_EQ(frame.depthScale.load(), 255.0 / 6000);
+    EXPECT_EQ(frame.settings().colorMapType, 4);
+    EXPECT_EQ(frame.settings().depthMax, 6000);
+    EXPECT_DOUBLE_EQ(frame.settings().depthScale(), 255.0 / 6000);
     EXPECT_EQ(device.updateColorMap(100, 200, -1), Ok);  // negative numbers pass, in 8 bits
-    EXPECT_EQ(frame.colorMapType.load(), 255);
+    EXPECT_EQ(frame.settings().colorMapType, 255);
 }
 
 TEST_F(Settings, AveragingRegionTogglesOffAndClearsTheResults) {
-    frame.avgDepth = 1234;
+    ASSERT_EQ(talvoro_test::process(frame, 2, talvoro_test::image16([](int, int) { return 900; })),
+              Ok);
+    ASSERT_EQ(frame.calculateAverages().avgDepth, 900u);
     EXPECT_EQ(device.setAvgRegion(AvgRegion_Center), Ok);
-    EXPECT_EQ(frame.avgRegionMode.load(), 1u);
+    EXPECT_EQ(frame.settings().avgRegionMode, 1u);
     EXPECT_EQ(device.setAvgRegion(AvgRegion_Center), Ok);
-    EXPECT_EQ(frame.avgRegionMode.load(), 0u);
-    EXPECT_EQ(frame.avgDepth.load(), 0u);
-    EXPECT_TRUE(frame.processingFlags & TalvoroFrame::kAverageDue);
+    EXPECT_EQ(frame.settings().avgRegionMode, 0u);
+    EXPECT_EQ(frame.averages().avgDepth, 0u);
+    EXPECT_TRUE(frame.settings().processingFlags & TalvoroFrame::kAverageDue);
 }
 
 TEST_F(Settings, MappingNeedsAMultiplexedModeFirstThenTheCalibration) {
-    frame.calibValidFlags = TalvoroFrame::kVgaCalibration;
+    const auto calibrate = [&](uint16_t mask) {
+        device.obtainCalibParams(0, mask, cv::Mat(), cv::Mat(), cv::Mat(), cv::Mat(), cv::Mat(),
+                                 cv::Mat());
+    };
+    calibrate(TalvoroFrame::kVgaCalibration);
     ASSERT_EQ(device.initFrame(Depth_Mode), Ok);
     EXPECT_EQ(device.setRGBDMapping(1), NotSupportedInDataMode);
     EXPECT_EQ(lastError(), NotSupportedInDataMode);
     EXPECT_EQ(device.setRGBDMapping(0), Ok);
 
     ASSERT_EQ(device.initFrame(Depth_IR_RGB_HD_Mode), Ok);
-    frame.calibValidFlags = 0x1F;  // one item short
+    calibrate(0x1F);  // one item short
     EXPECT_EQ(device.setRGBDMapping(1), CalibrationDataNotFound);
     EXPECT_EQ(device.setUnDistortion(1), CalibrationDataNotFound);
-    EXPECT_EQ(frame.processingFlags & (TalvoroFrame::kRgbdMapping | TalvoroFrame::kUndistortion),
+    EXPECT_EQ(frame.settings().processingFlags &
+                  (TalvoroFrame::kRgbdMapping | TalvoroFrame::kUndistortion),
               0u);
 
-    frame.calibValidFlags = TalvoroFrame::kVgaCalibration;
+    calibrate(TalvoroFrame::kVgaCalibration);
     EXPECT_EQ(device.setRGBDMapping(7), Ok);
     EXPECT_EQ(device.setUnDistortion(1), Ok);
     EXPECT_EQ(device.setFlyingPixelFilter(1), Ok);
-    EXPECT_EQ(frame.processingFlags.load(), TalvoroFrame::kDefaultFlag | 0x20u | 0x40u | 0x80u);
+    EXPECT_EQ(frame.settings().processingFlags, TalvoroFrame::kDefaultFlag | 0x20u | 0x40u | 0x80u);
     EXPECT_EQ(device.setRGBDMapping(0), Ok);
     EXPECT_EQ(device.setUnDistortion(0), Ok);
     EXPECT_EQ(device.setFlyingPixelFilter(0), Ok);
-    EXPECT_EQ(frame.processingFlags.load(), TalvoroFrame::kDefaultFlag);
+    EXPECT_EQ(frame.settings().processingFlags, TalvoroFrame::kDefaultFlag);
 }
 
 TEST_F(Settings, FilterTypesAndDepthRangeLeaveTheErrorNumberAlone) {
     TALVOROError::cErrorNo = -99;
     EXPECT_EQ(device.setFilterType(3, true), 0);
-    EXPECT_EQ(frame.filterFlags.load(), 0);
+    EXPECT_EQ(frame.settings().filterFlags, 0);
     EXPECT_EQ(device.setFilterType(1, true), 1);
     EXPECT_TRUE(frame.hasHistory());
     EXPECT_EQ(device.updateDepthRange(5), Ok);  // too large: no range change
-    EXPECT_EQ(frame.depthRange.load(), 0);
+    EXPECT_EQ(frame.currentDepthRange(), 0);
     EXPECT_EQ(device.updateDepthRange(1), Ok);
-    EXPECT_EQ(frame.depthRange.load(), 1);
+    EXPECT_EQ(frame.currentDepthRange(), 1);
     EXPECT_EQ(device.initFrame(IR_Mode), Ok);
     EXPECT_EQ(TALVOROError::cErrorNo.load(), -99);
 }
 
 TEST_F(Settings, DepthAndIrValuesFollowTheDataModeAndAreClearedWhenRead) {
+    using talvoro_test::process;
+    const auto depth = [](int, int) { return 1000; };
+    const auto ir = [](int, int) { return 50; };
+    ASSERT_EQ(process(frame, Depth_IR_Mode, talvoro_test::rowPairs(depth, ir)), Ok);
     const auto values = [&](DataMode mode) {
         device.initFrame(mode);
-        frame.depthFrame.setTo(1000);
-        frame.rawIRFrame.setTo(50);
-        frame.avgIRDisplay = 1;
+        device.setAvgIRDisplay(1);
         std::array<int, 4> v{-1, -1, -1, -1};
         EXPECT_EQ(device.getDepthIRValues(&v[0], &v[1], &v[2], &v[3]), Ok);
-        EXPECT_EQ(frame.avgDepth.load(), 0u);
+        EXPECT_EQ(frame.averages().avgDepth, 0u);
         return v;
     };
     EXPECT_EQ(values(Depth_IR_Mode), (std::array<int, 4>{1000, 0, 50, 0}));
@@ -155,10 +164,11 @@ TEST_F(Settings, PollingWithoutFramesTimesOutAndWithACallbackFindsNoBuffer) {
 
 TEST_F(Settings, FramesAreRefusedWhileANewerCaptureIsUnprocessed) {
     device.initFrame(Depth_Mode);
-    frame.captureTimestamp = frame.timestamp + 1;
+    frame.stampCapture(1);
     Frames frames;
     EXPECT_EQ(device.getFrames(&frames), TimeoutError);
-    frame.timestamp = frame.captureTimestamp.load();
+    ASSERT_EQ(talvoro_test::process(frame, 2, talvoro_test::image16([](int, int) { return 1; })),
+              Ok);
     std::memset(&frames, 0x5A, sizeof frames);
     EXPECT_EQ(device.getFrames(&frames), Ok);
     EXPECT_EQ(frames.raw_depth_frame.width, 640);

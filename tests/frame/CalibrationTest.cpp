@@ -31,17 +31,17 @@ int sceneDepth(int r, int c) {
 TEST(Planarization, ScalesDepthByTheCosineOfTheViewingAngle) {
     TalvoroFrame f;
     f.createThetaMat();
-    EXPECT_EQ(f.avgX.load(), 320);
-    EXPECT_NEAR(f.thetaMat.at<double>(240, 320), 0.99999976, 1e-8);
-    EXPECT_NEAR(f.thetaMat.at<double>(0, 0), 0.62190, 1e-5);
+    EXPECT_EQ(f.settings().avgX, 320);
+    EXPECT_NEAR(f.image(Image::Theta).at<double>(240, 320), 0.99999976, 1e-8);
+    EXPECT_NEAR(f.image(Image::Theta).at<double>(0, 0), 0.62190, 1e-5);
     f.setPlanarization(1);
     ASSERT_EQ(process(f, 2, image16([](int r, int) { return r == 1 ? 0 : 1000; })), 1);
-    EXPECT_EQ(at16(f.depthFrame, 240, 320), 999);  // truncated
-    EXPECT_EQ(at16(f.depthFrame, 0, 0), 621);
-    EXPECT_EQ(at16(f.depthFrame, 1, 0), 0);
+    EXPECT_EQ(at16(f.image(Image::Depth), 240, 320), 999);  // truncated
+    EXPECT_EQ(at16(f.image(Image::Depth), 0, 0), 621);
+    EXPECT_EQ(at16(f.image(Image::Depth), 1, 0), 0);
     f.setPlanarization(0);
     ASSERT_EQ(process(f, 2, image16([](int, int) { return 1000; })), 1);
-    EXPECT_EQ(at16(f.depthFrame, 0, 0), 1000);
+    EXPECT_EQ(at16(f.image(Image::Depth), 0, 0), 1000);
 }
 
 TEST(Planarization, UsesTheCalibratedPrincipalPointAndLogsTheModel) {
@@ -52,9 +52,10 @@ TEST(Planarization, UsesTheCalibratedPrincipalPointAndLogsTheModel) {
     c.depthK.at<double>(1, 2) = 200;
     load(f, false, c, 0x3F);
     f.createThetaMat();
-    EXPECT_DOUBLE_EQ(f.thetaMat.at<double>(200, 300), std::cos(TalvoroFrame::thetaCoeff3));
+    EXPECT_DOUBLE_EQ(f.image(Image::Theta).at<double>(200, 300),
+                     std::cos(TalvoroFrame::thetaCoeff3));
     f.setPlanarization(1);
-    EXPECT_TRUE(f.processingFlags & TalvoroFrame::kPlanarization);
+    EXPECT_TRUE(f.settings().processingFlags & TalvoroFrame::kPlanarization);
     EXPECT_EQ(log.count("\nTalvoroSDK:    1<<48:281474976710656    tofis_pitch:560.000000"), 1u);
     EXPECT_EQ(log.count("\nTalvoroSDK:    k0:-0.003942,     k1:0.010284,     k2:0.398053,     "
                         "k3:0.000690"),
@@ -62,6 +63,7 @@ TEST(Planarization, UsesTheCalibratedPrincipalPointAndLogsTheModel) {
 }
 
 TEST(Undistortion, MatchesCvUndistort) {
+    Talvoro::frame::WorkerPool alone(0), four(3);
     cv::Mat depth(480, 640, CV_16UC1);
     cv::randu(depth, 0, 65536);
     depth(cv::Rect(100, 100, 200, 100)).setTo(0);
@@ -80,9 +82,12 @@ TEST(Undistortion, MatchesCvUndistort) {
             cv::undistort(depth, expected, k32, d, k32);
             for (Isa level : {Isa::Scalar, Isa::Avx512}) {  // scalar and gathering paths
                 setIsaLimit(level);
-                cv::Mat ours(depth.size(), CV_16UC1);
-                ASSERT_TRUE(map.apply(depth, ours));
-                EXPECT_EQ(cv::norm(ours, expected, cv::NORM_INF), 0) << n << " " << scale;
+                for (Talvoro::frame::WorkerPool* pool : {&alone, &four}) {
+                    cv::Mat ours(depth.size(), CV_16UC1);
+                    ASSERT_TRUE(map.apply(depth, ours, *pool));
+                    EXPECT_EQ(cv::norm(ours, expected, cv::NORM_INF), 0)
+                        << n << " " << scale << " threads " << pool->threads();
+                }
             }
         }
     }
@@ -95,15 +100,41 @@ TEST(Undistortion, PipelineUsesTheVgaCalibration) {
     TalvoroFrame f;
     const Calibration c = calibration(false);
     load(f, false, c, 0x3F);
-    f.processingFlags |= TalvoroFrame::kUndistortion;
+    f.setProcessingFlags(TalvoroFrame::kUndistortion, true);
     const Bytes raw = image16(sceneDepth);
     ASSERT_EQ(process(f, 2, raw), 1);
     cv::Mat input(480, 640, CV_16UC1, const_cast<uint8_t*>(raw.data())), expected;
     cv::undistort(input, expected, c.depthK, c.depthD, c.depthK);
-    EXPECT_EQ(cv::norm(f.depthFrame, expected, cv::NORM_INF), 0);
+    EXPECT_EQ(cv::norm(f.image(Image::Depth), expected, cv::NORM_INF), 0);
 }
 
+// Flying pixels are removed before undistortion in mode 2 and after it in mode 0.
+TEST(Undistortion, FlyingPixelsComeBeforeItOnlyInModeTwo) {
+    const Calibration c = calibration(false);
+    const auto run = [&](uint32_t flags, int mode, const cv::Mat& depth) {
+        TalvoroFrame f;
+        load(f, false, c, 0x3F);
+        f.setProcessingFlags(flags, true);
+        const auto value = [&](int r, int col) { return int(depth.at<uint16_t>(r, col)); };
+        const Bytes raw = mode == 0 ? rowPairs(value, [](int, int) { return 0; }) : image16(value);
+        EXPECT_EQ(process(f, mode, raw), 1);
+        return f.image(Image::Depth).clone();
+    };
+    cv::Mat scene(480, 640, CV_16UC1);
+    for (int r = 0; r < 480; ++r)
+        for (int col = 0; col < 640; ++col)
+            scene.at<uint16_t>(r, col) = uint16_t(sceneDepth(r, col));
+    const uint32_t undistort = TalvoroFrame::kUndistortion, fly = TalvoroFrame::kFlyingPixel;
+    const cv::Mat flyFirst = run(undistort, 2, run(fly, 2, scene));
+    const cv::Mat undistortFirst = run(fly, 2, run(undistort, 2, scene));
+    ASSERT_GT(cv::norm(flyFirst, undistortFirst, cv::NORM_INF), 0);  // the order shows
+    EXPECT_EQ(cv::norm(run(undistort | fly, 2, scene), flyFirst, cv::NORM_INF), 0);
+    EXPECT_EQ(cv::norm(run(undistort | fly, 0, scene), undistortFirst, cv::NORM_INF), 0);
+}
+
+// Every instruction level and thread count; the holes land on the principal point in order.
 TEST(Registration, MatchesCvRegisterDepth) {
+    Talvoro::frame::WorkerPool alone(0), pair(1), four(3);
     cv::Mat depth(480, 640, CV_16UC1);
     for (int r = 0; r < 480; ++r)
         for (int c = 0; c < 640; ++c)
@@ -131,10 +162,13 @@ TEST(Registration, MatchesCvRegisterDepth) {
             EXPECT_GT(cv::countNonZero(expected), int(size.area() / 4));
             for (Isa level : {Isa::Scalar, Isa::Avx512}) {
                 setIsaLimit(level);
-                cv::Mat ours(size, CV_16UC1);
-                ASSERT_TRUE(registration.apply(depth, ours));
-                EXPECT_EQ(cv::norm(ours, expected, cv::NORM_INF), 0)
-                    << hd << " " << variant << " isa " << int(level);
+                for (Talvoro::frame::WorkerPool* pool : {&alone, &pair, &four}) {
+                    cv::Mat ours(size, CV_16UC1, cv::Scalar(7));
+                    ASSERT_TRUE(registration.apply(depth, ours, *pool));
+                    EXPECT_EQ(cv::norm(ours, expected, cv::NORM_INF), 0)
+                        << hd << " " << variant << " isa " << int(level) << " threads "
+                        << pool->threads();
+                }
             }
         }
     }
@@ -144,8 +178,8 @@ TEST(Registration, Mode4PublishesDepthInTheColourGeometry) {
     TalvoroFrame f;
     const Calibration c = calibration(false);
     load(f, false, c, 0x3F);
-    f.processingFlags |= TalvoroFrame::kRgbdMapping;
-    f.depthRange = 1;
+    f.setProcessingFlags(TalvoroFrame::kRgbdMapping, true);
+    f.updateDepthRange(1);
     const auto depth = [](int r, int c) {
         return c == 0 ? 0x10 | (r & 0xF) << 6 : sceneDepth(r, c) & 0xFFF;
     };
@@ -157,8 +191,8 @@ TEST(Registration, Mode4PublishesDepthInTheColourGeometry) {
     cv::undistort(input, undistorted, c.depthK, c.depthD, c.depthK);
     cv::rgbd::registerDepth(c.depthK, c.rgbK, c.rgbD, metres(c.extrinsic), undistorted * 2.0,
                             cv::Size(640, 480), expected, true);
-    EXPECT_EQ(cv::norm(f.depthFrame, expected, cv::NORM_INF), 0);
-    EXPECT_EQ(cv::norm(f.registeredDepth, expected, cv::NORM_INF), 0);
+    EXPECT_EQ(cv::norm(f.image(Image::Depth), expected, cv::NORM_INF), 0);
+    EXPECT_EQ(cv::norm(f.image(Image::Registered), expected, cv::NORM_INF), 0);
 }
 
 TEST(Registration, Mode5PublishesHdDepthAndColourMap) {
@@ -166,9 +200,9 @@ TEST(Registration, Mode5PublishesHdDepthAndColourMap) {
     const Calibration vga = calibration(false), hd = calibration(true);
     load(f, false, vga, 0xFFF);
     load(f, true, hd, 0xFFF);
-    f.processingFlags |= TalvoroFrame::kRgbdMapping;
+    f.setProcessingFlags(TalvoroFrame::kRgbdMapping, true);
     f.updateColorMap(0, 4000, 2);
-    f.captureTimestamp = 5;
+    f.stampCapture(5);
     const auto depth = [](int r, int c) { return c == 0 ? 0x10 : sceneDepth(r, c) & 0xFFF; };
     ASSERT_EQ(process(f, 5, multiplexed(true, depth, depth)), 1);
     Talvoro::ToFFrame raw{}, colours{};
@@ -177,8 +211,8 @@ TEST(Registration, Mode5PublishesHdDepthAndColourMap) {
     EXPECT_EQ(raw.width, 1280);
     EXPECT_EQ(raw.height, 720);
     EXPECT_EQ(colours.width, 1280);
-    EXPECT_EQ(raw.frame_data, f.registeredDepth.data);
-    EXPECT_EQ(at16(f.depthFrame, 200, 200), depth(200, 200));  // stays unregistered
+    EXPECT_EQ(raw.frame_data, f.image(Image::Registered).data);
+    EXPECT_EQ(at16(f.image(Image::Depth), 200, 200), depth(200, 200));  // stays unregistered
     cv::Mat input(480, 640, CV_16UC1), undistorted, expected;
     for (int r = 0; r < 480; ++r)
         for (int c = 0; c < 640; ++c)
@@ -186,7 +220,7 @@ TEST(Registration, Mode5PublishesHdDepthAndColourMap) {
     cv::undistort(input, undistorted, hd.depthK, hd.depthD, hd.depthK);
     cv::rgbd::registerDepth(hd.depthK, hd.rgbK, hd.rgbD, metres(hd.extrinsic), undistorted,
                             cv::Size(1280, 720), expected, true);
-    EXPECT_EQ(cv::norm(f.registeredDepth, expected, cv::NORM_INF), 0);
+    EXPECT_EQ(cv::norm(f.image(Image::Registered), expected, cv::NORM_INF), 0);
 }
 
 TEST(Registration, UnusableCalibrationIsLoggedNotFatal) {
@@ -196,7 +230,7 @@ TEST(Registration, UnusableCalibrationIsLoggedNotFatal) {
     c.rgbD = cv::Mat();
     load(f, true, c, 0xFC0);
     EXPECT_EQ(log.count("\nTalvoroSDK:gDepthDistortion.empty()"), 1u);
-    f.processingFlags |= TalvoroFrame::kRgbdMapping;
+    f.setProcessingFlags(TalvoroFrame::kRgbdMapping, true);
     const auto depth = [](int, int c) { return c == 0 ? 0x10 : 1000; };
     ASSERT_EQ(process(f, 5, multiplexed(true, depth, depth)), 1);
     EXPECT_EQ(log.count("Input mat is empty 0   "), 1u);
@@ -206,5 +240,5 @@ TEST(Registration, UnusableCalibrationIsLoggedNotFatal) {
     load(f, false, c, 0x3F);
     ASSERT_EQ(process(f, 4, multiplexed(false, depth, depth)), 1);
     EXPECT_EQ(log.count("registerDepthFailed0   "), 1u);
-    EXPECT_EQ(at16(f.depthFrame, 100, 100), 1000);
+    EXPECT_EQ(at16(f.image(Image::Depth), 100, 100), 1000);
 }

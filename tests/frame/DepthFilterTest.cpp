@@ -5,8 +5,11 @@
 
 #include "FrameTestSupport.h"
 #include "frame/Cpu.h"
+#include "frame/EdgeFilter.h"
+#include "frame/FlyingPixelFilter.h"
 #include "frame/SpatialFilter.h"
 #include "frame/TemporalFilter.h"
+#include "frame/WorkerPool.h"
 
 using namespace talvoro_test;
 using Talvoro::TalvoroFrame;
@@ -43,13 +46,13 @@ TEST(TemporalFilter, PipelineRotatesTheHistoryEveryFrame) {
     std::vector<int> seen;
     for (int i = 0; i < 4; ++i) {
         ASSERT_EQ(process(f, 2, raw), 1);
-        seen.push_back(at16(f.depthFrame, 100, 100));
+        seen.push_back(at16(f.image(Image::Depth), 100, 100));
     }
     EXPECT_EQ(seen, (std::vector<int>{20000, 20000, 20000, 3616}));
     ASSERT_EQ(f.setFilterType(1, false), 1);
     EXPECT_TRUE(f.hasHistory());  // kept until the camera is closed
     ASSERT_EQ(process(f, 2, raw), 1);
-    EXPECT_EQ(at16(f.depthFrame, 100, 100), 20000);
+    EXPECT_EQ(at16(f.image(Image::Depth), 100, 100), 20000);
 }
 
 namespace {
@@ -99,6 +102,31 @@ TEST(FlyingPixelFilter, BorderIsAlwaysZero) {
     EXPECT_EQ(cv::countNonZero(filterFlying(cv::Mat(2, 9, CV_16UC1, cv::Scalar(5)), false)), 0);
 }
 
+// The filter as shipped, in row bands on its threads, against the scalar rows over the whole
+// interior: at every instruction level, alone and on every core.
+TEST(FlyingPixelFilter, SameResultWhateverTheThreadsAndLevel) {
+    cv::Mat depth(480, 640, CV_16UC1);
+    cv::RNG rng(3);
+    rng.fill(depth, cv::RNG::UNIFORM, 900, 1400);
+    depth(cv::Rect(0, 0, 320, 240)).setTo(1000);
+    cv::Mat expected(depth.size(), CV_16UC1, cv::Scalar(0));
+    Talvoro::frame::flyingPixelRowsScalar(depth.ptr<uint16_t>(), 640, expected.ptr<uint16_t>(),
+                                          640, 1, 479, 1, 639,
+                                          Talvoro::frame::flyingPixelLimit(200, 1200, 10, 20));
+    ASSERT_GT(cv::countNonZero(expected), 0);
+    ASSERT_LT(cv::countNonZero(expected), 478 * 638);
+    for (Isa level : {Isa::Scalar, Isa::Sse2, Isa::Avx2, Isa::Avx512}) {
+        setIsaLimit(level);
+        for (unsigned threads : {1u, 0u}) {
+            Talvoro::frame::setThreadLimit(threads);
+            EXPECT_EQ(cv::norm(filterFlying(depth, false), expected, cv::NORM_INF), 0)
+                << "isa " << int(level) << " threads " << threads;
+        }
+    }
+    Talvoro::frame::setThreadLimit(0);
+    setIsaLimit(Isa::Avx512);
+}
+
 namespace {
 
 // An 8-bit depth picture with flat regions, ramps, holes and sharp edges.
@@ -140,42 +168,84 @@ TEST(PostProcessing, EveryFilterCombinationMatchesOpenCv) {
         setIsaLimit(level);
         for (int flags : {0, 1, 4, 5}) {
             for (int map : {0, 4, 11, 21}) {
-                f.filterFlags = uint8_t(flags);
-                f.colorMapType = uint8_t(map);
+                f.setFilterType(0, flags & 1);
+                f.setFilterType(2, flags & 4);
+                f.updateColorMap(0, 0, map);
                 f.post_processing(src);
                 const cv::Mat expected = expectedColours(src, flags & 1, flags & 4, map);
-                ASSERT_EQ(f.depthcolormap.size(), expected.size());
-                EXPECT_EQ(cv::norm(f.depthcolormap, expected, cv::NORM_INF), 0)
+                ASSERT_EQ(f.image(Image::ColorMap).size(), expected.size());
+                EXPECT_EQ(cv::norm(f.image(Image::ColorMap), expected, cv::NORM_INF), 0)
                     << "filters " << flags << " map " << map << " isa " << int(level);
             }
         }
     }
     // A number beyond OpenCV's maps colours like the default map.
-    f.filterFlags = 0;
-    f.colorMapType = 200;
+    f.setFilterType(0, false);
+    f.setFilterType(2, false);
+    f.updateColorMap(0, 0, 200 - 256);  // kept in 8 bits: 200
     f.post_processing(src);
-    EXPECT_EQ(cv::norm(f.depthcolormap, expectedColours(src, false, false, 4), cv::NORM_INF), 0);
+    EXPECT_EQ(
+        cv::norm(f.image(Image::ColorMap), expectedColours(src, false, false, 4), cv::NORM_INF), 0);
 }
 
-// The spatial filter on noise, at every size class its loops treat differently (the smallest
-// image, widths off the vector steps, the camera's image) and every instruction level.
+// The spatial filter on noise with flat and sloping patches, at every size class its loops treat
+// differently (images narrower than the radius, widths off the vector steps, the camera's
+// images), every instruction level and several thread counts.
 TEST(PostProcessing, SpatialFilterMatchesOpenCvOnNoise) {
     cv::RNG rng(7);
-    cv::Mat median, output, padded, lanes;
-    for (const cv::Size size :
-         {cv::Size(3, 3), cv::Size(37, 5), cv::Size(61, 23), cv::Size(640, 480)}) {
+    cv::Mat median, output, scratch;
+    Talvoro::frame::WorkerPool alone(0), pair(1), four(3);
+    for (const cv::Size size : {cv::Size(1, 1), cv::Size(2, 7), cv::Size(5, 3), cv::Size(37, 5),
+                                cv::Size(61, 23), cv::Size(640, 480), cv::Size(1280, 720)}) {
         cv::Mat src(size, CV_8UC1);
         rng.fill(src, cv::RNG::UNIFORM, 0, 256);
         src(cv::Rect(0, 0, size.width / 2, size.height / 2)).setTo(0);
+        src(cv::Rect(size.width / 2, size.height / 2, size.width / 3, size.height / 3)).setTo(90);
+        // A gentle slope: differences between 8 and 15 between pixels two apart.
+        for (int r = size.height / 2; r < size.height; ++r)
+            for (int c = 0; c < size.width / 2; ++c)
+                src.at<uint8_t>(r, c) = uint8_t(5 * c);
         cv::Mat expectedMedian, expected;
         cv::medianBlur(src, expectedMedian, 5);
         cv::bilateralFilter(expectedMedian, expected, 5, 200, 200, cv::BORDER_REFLECT_101);
         for (Isa level : {Isa::Scalar, Isa::Sse2, Isa::Avx2, Isa::Avx512}) {
             setIsaLimit(level);
-            Talvoro::frame::spatialFilter(src, {median, output, padded, lanes});
-            EXPECT_EQ(cv::norm(median, expectedMedian, cv::NORM_INF), 0)
-                << size << " isa " << int(level);
-            EXPECT_EQ(cv::norm(output, expected, cv::NORM_INF), 0) << size << " isa " << int(level);
+            for (Talvoro::frame::WorkerPool* pool : {&alone, &pair, &four}) {
+                Talvoro::frame::spatialFilter(src, {median, output, scratch}, *pool);
+                EXPECT_EQ(cv::norm(median, expectedMedian, cv::NORM_INF), 0)
+                    << size << " isa " << int(level) << " threads " << pool->threads();
+                EXPECT_EQ(cv::norm(output, expected, cv::NORM_INF), 0)
+                    << size << " isa " << int(level) << " threads " << pool->threads();
+            }
+        }
+    }
+    setIsaLimit(Isa::Avx512);
+}
+
+// The edge mask on noise with flat patches, at the same size classes, levels and threads.
+TEST(PostProcessing, EdgeMaskMatchesOpenCvOnNoise) {
+    cv::RNG rng(11);
+    cv::Mat mask, scratch;
+    Talvoro::frame::WorkerPool alone(0), pair(1), four(3);
+    const cv::Mat element = cv::getStructuringElement(cv::MORPH_RECT, cv::Size(3, 3));
+    for (const cv::Size size : {cv::Size(1, 1), cv::Size(2, 7), cv::Size(5, 3), cv::Size(37, 5),
+                                cv::Size(61, 23), cv::Size(640, 480), cv::Size(1280, 720)}) {
+        cv::Mat src(size, CV_8UC1);
+        rng.fill(src, cv::RNG::UNIFORM, 0, 256);
+        src(cv::Rect(0, 0, size.width / 2, size.height / 2)).setTo(40);
+        cv::Mat sx, sy, magnitude, expected;
+        cv::Sobel(src, sx, CV_8U, 2, 0, 5, 4.0, 0, cv::BORDER_REFLECT_101);
+        cv::Sobel(src, sy, CV_8U, 0, 2, 5, 4.0, 0, cv::BORDER_REFLECT_101);
+        cv::addWeighted(sx, 1.0, sy, 1.0, 0, magnitude);
+        cv::erode(magnitude, expected, element, cv::Point(-1, -1), 1, cv::BORDER_CONSTANT,
+                  cv::Scalar(4));
+        for (Isa level : {Isa::Scalar, Isa::Sse2, Isa::Avx2, Isa::Avx512}) {
+            setIsaLimit(level);
+            for (Talvoro::frame::WorkerPool* pool : {&alone, &pair, &four}) {
+                Talvoro::frame::edgeMask(src, {mask, scratch}, *pool);
+                EXPECT_EQ(cv::norm(mask, expected, cv::NORM_INF), 0)
+                    << size << " isa " << int(level) << " threads " << pool->threads();
+            }
         }
     }
     setIsaLimit(Isa::Avx512);
@@ -183,13 +253,14 @@ TEST(PostProcessing, SpatialFilterMatchesOpenCvOnNoise) {
 
 TEST(PostProcessing, SpatialFilterAloneKeepsNoDepthColoured) {
     TalvoroFrame f;
-    f.filterFlags = TalvoroFrame::kSpatialFilter;
+    f.setFilterType(0, true);
     f.post_processing(cv::Mat::zeros(480, 640, CV_8UC1));
     cv::Mat zeroColour;
     cv::applyColorMap(cv::Mat::zeros(1, 1, CV_8UC1), zeroColour, 4);
     EXPECT_NE(zeroColour.at<cv::Vec3b>(0, 0), cv::Vec3b(0, 0, 0));
-    EXPECT_EQ(f.depthcolormap.at<cv::Vec3b>(240, 320), zeroColour.at<cv::Vec3b>(0, 0));
-    f.filterFlags = TalvoroFrame::kEdgeFilter;
+    EXPECT_EQ(f.image(Image::ColorMap).at<cv::Vec3b>(240, 320), zeroColour.at<cv::Vec3b>(0, 0));
+    f.setFilterType(0, false);
+    f.setFilterType(2, true);
     f.post_processing(cv::Mat::zeros(480, 640, CV_8UC1));
-    EXPECT_EQ(f.depthcolormap.at<cv::Vec3b>(240, 320), cv::Vec3b(0, 0, 0));
+    EXPECT_EQ(f.image(Image::ColorMap).at<cv::Vec3b>(240, 320), cv::Vec3b(0, 0, 0));
 }

@@ -12,6 +12,7 @@
 
 namespace talvoro_test {
 
+using Image = Talvoro::TalvoroFrame::Image;
 using Bytes = std::vector<uint8_t>;
 
 inline void put16(Bytes& b, uint16_t v) {
@@ -90,6 +91,11 @@ inline int process(Talvoro::TalvoroFrame& f, int mode, Bytes raw) {
 
 inline uint16_t at16(const cv::Mat& m, int r, int c) {
     return m.at<uint16_t>(r, c);
+}
+
+// Marks calibration items loaded without matrices: what the settings check, no more.
+inline void setCalibMask(Talvoro::TalvoroFrame& f, uint16_t mask) {
+    f.getCalibrationData(0, mask, cv::Mat(), cv::Mat(), cv::Mat(), cv::Mat(), cv::Mat(), cv::Mat());
 }
 
 // Every level of the log into a file in a fresh working directory.

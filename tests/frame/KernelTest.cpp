@@ -112,16 +112,27 @@ TEST_P(Kernels, PlanarizationMatchesScalar) {
 
 TEST_P(Kernels, FlyingPixelTestMatchesScalar) {
     const int w = 203, h = 57;
-    std::vector<uint16_t> src = depth(size_t(w) * h);
+    // Rough depth, and a smooth surface whose pixels sit near the limits of the sets below.
+    std::vector<uint16_t> rough = depth(size_t(w) * h), smooth(rough.size());
+    std::uniform_int_distribution<int> noise(0, 160);
+    for (size_t i = 0; i < smooth.size(); ++i)
+        smooth[i] = uint16_t(900 + i % 400 + noise(rng_));
+    // The camera's two sets; a zero slope; limits whose quotient takes both signs, with a
+    // positive and a negative slope; a slope too steep for the integer form.
     for (auto limits : {std::vector<int>{200, 1200, 10, 20},
                         {1000, 6000, 20, 40},
                         {-7, 3, -2, 9},
-                        {0, 0, 5, 5}}) {
+                        {0, 0, 5, 5},
+                        {1100, 2100, 160, 170},
+                        {1100, 100, 160, 170},
+                        {0, 262140, 0, 1}}) {
         const FlyingPixelLimit l = flyingPixelLimit(limits[0], limits[1], limits[2], limits[3]);
-        std::vector<uint16_t> x(src.size(), 1), y(src.size(), 1);
-        flyingPixelRows(src.data(), w, x.data(), w, 1, h - 1, 1, w - 1, l);
-        flyingPixelRowsScalar(src.data(), w, y.data(), w, 1, h - 1, 1, w - 1, l);
-        EXPECT_EQ(x, y) << limits[0];
+        for (const std::vector<uint16_t>& src : {rough, smooth}) {
+            std::vector<uint16_t> x(src.size(), 1), y(src.size(), 1);
+            flyingPixelRows(src.data(), w, x.data(), w, 1, h - 1, 1, w - 1, l);
+            flyingPixelRowsScalar(src.data(), w, y.data(), w, 1, h - 1, 1, w - 1, l);
+            EXPECT_EQ(x, y) << limits[0] << " " << limits[2];
+        }
     }
 }
 

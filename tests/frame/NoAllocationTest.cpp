@@ -104,19 +104,17 @@ TEST(NoAllocation, OwnStagesOn) {
     f.setFilterType(1, true);
     f.setFilterType(0, true);
     f.setFilterType(2, true);
-    f.depthRange = 1;
-    f.processingFlags |= TalvoroFrame::kUndistortion | TalvoroFrame::kFlyingPixel;
+    f.updateDepthRange(1);
+    f.setProcessingFlags(TalvoroFrame::kUndistortion | TalvoroFrame::kFlyingPixel, true);
     for (int mode : {0, 2, 4})
         EXPECT_EQ(allocationsPerFrame(f, mode, frameFor(mode)), 0) << "mode " << mode;
-    f.processingFlags |= TalvoroFrame::kRgbdMapping;
+    f.setProcessingFlags(TalvoroFrame::kRgbdMapping, true);
     for (int mode : {4, 5})
         EXPECT_EQ(allocationsPerFrame(f, mode, frameFor(mode)), 0) << "mapped mode " << mode;
-    // The averages with their window and labels drawn onto the colour map.
-    f.avgIRDisplay = 1;
-    f._calculateAvgDepthIR(320, 240, true);  // the glyphs are drawn once, on first use
-    allocations = 0;
-    counting = true;
-    f._calculateAvgDepthIR(320, 240, true);
-    counting = false;
-    EXPECT_EQ(allocations, 0);
+    // The averages with their window and labels drawn onto the colour map (the glyphs are
+    // drawn once, in the first frames).
+    f.setProcessingFlags(TalvoroFrame::kRgbdMapping, false);
+    f.setAvgIRDisplay(1);
+    f.setAvgRegion(0);
+    EXPECT_EQ(allocationsPerFrame(f, 0, frameFor(0)), 0) << "averages drawn";
 }

@@ -27,13 +27,13 @@ TEST(Output, FrameTypesFollowTheDataMode) {
     f.initFrame(4);
     ToFFrame out{};
     ASSERT_EQ(f.getToFFrame(Talvoro::RGBFrame, &out), 1);
-    EXPECT_EQ(out.frame_data, f.rgbFrame.data);
+    EXPECT_EQ(out.frame_data, f.image(Image::Rgb).data);
     EXPECT_EQ(out.pixel_format, Talvoro::PixelFormat_UYVY);
     EXPECT_EQ(out.total_size, 640u * 480 * 2);
     ToFFrame other{};
     EXPECT_EQ(f.getToFFrame(Talvoro::FrameType(7), &other), 1);  // nothing to fill
     EXPECT_EQ(other.frame_data, nullptr);
-    f.captureTimestamp = 9;  // captured, not processed yet
+    f.stampCapture(9);  // captured, not processed yet
     EXPECT_EQ(f.getToFFrame(Talvoro::RGBFrame, &other), -17);
     EXPECT_EQ(other.frame_data, nullptr);
 }
@@ -43,13 +43,13 @@ TEST(Output, FillFramesSetsOnlyTheModesImages) {
     Talvoro::Frames frames;
     f.initFrame(3);
     f.fillFrames(&frames);
-    EXPECT_EQ(frames.ir_frame.frame_data, f.irFrame.data);
+    EXPECT_EQ(frames.ir_frame.frame_data, f.image(Image::IR).data);
     EXPECT_EQ(frames.raw_depth_frame.frame_data, nullptr);
     EXPECT_EQ(frames.rgb_frame.frame_data, nullptr);
-    f.captureTimestamp = 3;
+    f.stampCapture(3);
     ASSERT_EQ(process(f, 2, image16([](int, int) { return 800; })), 1);
     f.fillFrames(&frames);
-    EXPECT_EQ(frames.raw_depth_frame.frame_data, f.depthFrame.data);
+    EXPECT_EQ(frames.raw_depth_frame.frame_data, f.image(Image::Depth).data);
     EXPECT_EQ(frames.raw_depth_frame.time_stamp, 3u);
     EXPECT_EQ(frames.depth_colormap_frame.pixel_format, Talvoro::PixelFormat_BGR);
     EXPECT_EQ(frames.depth_colormap_frame.total_size, 640u * 480 * 3);
@@ -65,44 +65,46 @@ TEST(Output, DeviceSettings) {
     TalvoroFrame f;
     f.updateColorMap(0, 6000, 2);
     f.updateColorMap(0, 6000, 22);  // ignored map number, range still taken
-    EXPECT_EQ(f.colorMapType.load(), 2);
-    EXPECT_DOUBLE_EQ(f.depthScale.load(), 255.0 / 6000);
+    EXPECT_EQ(f.settings().colorMapType, 2);
+    EXPECT_DOUBLE_EQ(f.settings().depthScale(), 255.0 / 6000);
     f.updateColorMap(500, 500, -1);
-    EXPECT_EQ(f.colorMapType.load(), 255);
-    EXPECT_TRUE(std::isinf(f.depthScale.load()));
+    EXPECT_EQ(f.settings().colorMapType, 255);
+    EXPECT_TRUE(std::isinf(f.settings().depthScale()));
 
     f.updateColorMap(0, 4000, 4);
     ASSERT_EQ(process(f, 2, image16([](int, int) { return 2000; })), 1);
     EXPECT_EQ(f.updateDepthRange(5), 1);  // ignored
-    EXPECT_EQ(f.depthRange.load(), 0);
-    EXPECT_FALSE(f.depthcolormap.empty());
+    EXPECT_EQ(f.currentDepthRange(), 0);
+    EXPECT_FALSE(f.image(Image::ColorMap).empty());
     EXPECT_EQ(f.updateDepthRange(1), 1);
-    EXPECT_EQ(f.depthRange.load(), 1);
-    EXPECT_TRUE(f.depthcolormap.empty());
+    EXPECT_EQ(f.currentDepthRange(), 1);
+    EXPECT_TRUE(f.image(Image::ColorMap).empty());
     EXPECT_EQ(log.count("\nTalvoroSDK:Updating depth range in TOFFrame and releasing "
                         "prevDepthFrame and depthcolormap 0   "),
               1u);
     ASSERT_EQ(process(f, 2, image16([](int, int) { return 2000; })), 1);
-    EXPECT_EQ(f.prevDepthFrame.at<uint8_t>(0, 0), 255);  // 4,000 mm after doubling
+    EXPECT_EQ(f.image(Image::ScaledDepth).at<uint8_t>(0, 0), 255);  // 4,000 mm after doubling
 
     f.setAvgRegion(0);
-    EXPECT_EQ(f.avgRegionMode.load(), 1u);
+    EXPECT_EQ(f.settings().avgRegionMode, 1u);
     f.setAvgRegion(1);  // the regions exclude each other
-    EXPECT_EQ(f.avgRegionMode.load(), 2u);
-    f.avgDepth = 77;
+    EXPECT_EQ(f.settings().avgRegionMode, 2u);
+    ASSERT_NE(f.calculateAverages().avgDepth, 0u);
     f.setAvgRegion(1);
-    EXPECT_EQ(f.avgRegionMode.load(), 0u);
-    EXPECT_EQ(f.avgDepth.load(), 0u);
-    EXPECT_TRUE(f.processingFlags & TalvoroFrame::kAverageDue);
+    EXPECT_EQ(f.settings().avgRegionMode, 0u);
+    EXPECT_EQ(f.averages().avgDepth, 0u);
+    EXPECT_TRUE(f.settings().processingFlags & TalvoroFrame::kAverageDue);
 }
 
 namespace {
 
 // Depth with `valid` pixels of 1,000 mm in the 32x32 window at the centre, 0 elsewhere.
 void centreWindow(TalvoroFrame& f, int valid) {
-    f.depthFrame.setTo(0);
-    for (int i = 0; i < valid; ++i)
-        f.depthFrame.at<uint16_t>(224 + i / 32, 304 + i % 32) = 1000;
+    ASSERT_EQ(process(f, 2, image16([valid](int r, int c) {
+                          const int i = (r - 224) * 32 + (c - 304);
+                          return r >= 224 && c >= 304 && c < 336 && i < valid ? 1000 : 0;
+                      })),
+              1);
 }
 
 }  // namespace
@@ -111,15 +113,15 @@ TEST(Averaging, NeedsAQuarterOfTheWindowValid) {
     TalvoroFrame f;
     centreWindow(f, 255);
     f.calculateAverages();
-    EXPECT_EQ(f.avgDepth.load(), 0u);
-    EXPECT_EQ(f.depthStdDev.load(), 0);
+    EXPECT_EQ(f.averages().avgDepth, 0u);
+    EXPECT_EQ(f.averages().depthStdDev, 0);
     centreWindow(f, 256);
     f.calculateAverages();
-    EXPECT_EQ(f.avgDepth.load(), 1000u);
+    EXPECT_EQ(f.averages().avgDepth, 1000u);
     // Zeros count in the spread's sum, not in its count: sqrt(768 x 1000^2 / 256).
-    EXPECT_EQ(f.depthStdDev.load(), 1732);
+    EXPECT_EQ(f.averages().depthStdDev, 1732);
     f.clearAverages();
-    EXPECT_EQ(f.avgDepth.load(), 0u);
+    EXPECT_EQ(f.averages().avgDepth, 0u);
 }
 
 namespace {
@@ -157,12 +159,14 @@ TEST(Averaging, WindowAndLabelPlacement) {
     f.updateColorMap(0, 3000, 4);
     const Bytes raw = image16([](int, int) { return 1500; });
     ASSERT_EQ(process(f, 2, raw), 1);
-    const cv::Mat plain = f.depthcolormap.clone();
+    const cv::Mat plain = f.image(Image::ColorMap).clone();
 
-    // A window centred at (5, 5) starts at (0, 0); its label goes below it.
-    f._calculateAvgDepthIR(5, 5, true);
-    EXPECT_EQ(cv::norm(f.depthcolormap, drawnByHand(plain, {0, 0, 32, 32}, {0, 47}, "1500 mm"),
-                       cv::NORM_INF),
+    // A window at the user point (5, 5) is moved to start at (0, 0); its label goes below it.
+    f.setDepthPos({5, 5});
+    f.setAvgRegion(1);
+    ASSERT_EQ(process(f, 2, raw), 1);
+    EXPECT_EQ(cv::norm(f.image(Image::ColorMap),
+                       drawnByHand(plain, {0, 0, 32, 32}, {0, 47}, "1500 mm"), cv::NORM_INF),
               0);
 
     // The user point (630, 470) is moved to (624, 464); near the bottom edge the label goes
@@ -170,36 +174,35 @@ TEST(Averaging, WindowAndLabelPlacement) {
     f.setDepthPos({630, 470});
     EXPECT_EQ(f.depthPos().x, 630);
     EXPECT_EQ(f.depthPos().y, 470);
-    f.setAvgRegion(1);
     ASSERT_EQ(process(f, 2, raw), 1);
-    EXPECT_EQ(f.avgX.load(), 624);
-    EXPECT_EQ(f.avgY.load(), 464);
-    EXPECT_EQ(cv::norm(f.depthcolormap,
+    EXPECT_EQ(f.settings().avgX, 624);
+    EXPECT_EQ(f.settings().avgY, 464);
+    EXPECT_EQ(cv::norm(f.image(Image::ColorMap),
                        drawnByHand(plain, {608, 448, 32, 32}, {565, 418}, "1500 mm"), cv::NORM_INF),
               0);
-    EXPECT_EQ(f.avgDepth.load(), 1500u);
+    EXPECT_EQ(f.averages().avgDepth, 1500u);
 
     f.setDepthPos({INT32_MAX, INT32_MAX});  // far outside: moved to the last window
     ASSERT_EQ(process(f, 2, raw), 1);
-    EXPECT_EQ(f.avgX.load(), 624);
-    EXPECT_EQ(f.avgY.load(), 464);
+    EXPECT_EQ(f.settings().avgX, 624);
+    EXPECT_EQ(f.settings().avgY, 464);
 
     f.setAvgRegion(0);  // centre
     ASSERT_EQ(process(f, 2, raw), 1);
-    EXPECT_EQ(f.avgX.load(), 320);
-    EXPECT_EQ(f.avgY.load(), 240);
+    EXPECT_EQ(f.settings().avgX, 320);
+    EXPECT_EQ(f.settings().avgY, 240);
 }
 
 TEST(Averaging, IrValuesOnlyWithoutMapping) {
     TalvoroFrame f;
-    f.avgIRDisplay = 1;
+    f.setAvgIRDisplay(1);
     f.setAvgRegion(0);
     const auto ir = [](int r, int c) { return c == 0 ? 0x10 : 100 + (r + c) % 2 * 10; };
     ASSERT_EQ(process(f, 4, multiplexed(false, ir, ir)), 1);
-    EXPECT_EQ(f.irMean.load(), 105);
-    EXPECT_EQ(f.irStdDev.load(), 5);
+    EXPECT_EQ(f.averages().irMean, 105);
+    EXPECT_EQ(f.averages().irStdDev, 5);
     f.clearAverages();
-    f.processingFlags |= TalvoroFrame::kRgbdMapping;
+    f.setProcessingFlags(TalvoroFrame::kRgbdMapping, true);
     ASSERT_EQ(process(f, 4, multiplexed(false, ir, ir)), 1);
-    EXPECT_EQ(f.irMean.load(), 0);
+    EXPECT_EQ(f.averages().irMean, 0);
 }

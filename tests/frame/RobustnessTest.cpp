@@ -25,9 +25,10 @@ void everythingOn(TalvoroFrame& f) {
     f.setFilterType(0, true);
     f.setFilterType(1, true);
     f.setFilterType(2, true);
-    f.processingFlags |=
-        TalvoroFrame::kUndistortion | TalvoroFrame::kRgbdMapping | TalvoroFrame::kFlyingPixel;
-    f.avgIRDisplay = 1;
+    f.setProcessingFlags(
+        TalvoroFrame::kUndistortion | TalvoroFrame::kRgbdMapping | TalvoroFrame::kFlyingPixel,
+        true);
+    f.setAvgIRDisplay(1);
     f.setDepthPos({639, 0});
     f.setAvgRegion(1);
     f.updateColorMap(0, 5000, 4);
@@ -81,10 +82,10 @@ TEST(Robustness, SettingsAndReadersRunBesideProcessing) {
             f.setDepthPos({i % 700, i % 500});
             f.updateDepthRange(uint16_t(i % 3));
             f.setCursorColor(i % 2);
-            f.irGain = uint16_t(1 + i % 100);
-            f.processingFlags ^= TalvoroFrame::kFlyingPixel;
+            f.setIRGain(uint16_t(1 + i % 100));
+            f.setProcessingFlags(TalvoroFrame::kFlyingPixel, i % 2);
             f.calculateAverages();
-            f.captureTimestamp = i;
+            f.stampCapture(i);
         }
     });
     std::thread reader([&] {

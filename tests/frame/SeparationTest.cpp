@@ -27,23 +27,23 @@ TEST(Separation, Mode0RowPairsAndSaturatingIrGain) {
     const Bytes raw = rowPairs([](int r, int c) { return r * 640 + c; },
                                [](int r, int c) { return (r + c) % 2 ? 5000 : 100; });
     ASSERT_EQ(process(f, 0, raw), 1);
-    EXPECT_EQ(at16(f.depthFrame, 0, 1), 1);
-    EXPECT_EQ(at16(f.depthFrame, 479, 639), uint16_t(479 * 640 + 639));
-    EXPECT_EQ(at16(f.rawIRFrame, 0, 1), 5000);
-    EXPECT_EQ(at16(f.irFrame, 0, 1), 65535);  // 5000 x 16 saturates
-    EXPECT_EQ(at16(f.irFrame, 3, 1), 1600);
+    EXPECT_EQ(at16(f.image(Image::Depth), 0, 1), 1);
+    EXPECT_EQ(at16(f.image(Image::Depth), 479, 639), uint16_t(479 * 640 + 639));
+    EXPECT_EQ(at16(f.image(Image::RawIR), 0, 1), 5000);
+    EXPECT_EQ(at16(f.image(Image::IR), 0, 1), 65535);  // 5000 x 16 saturates
+    EXPECT_EQ(at16(f.image(Image::IR), 3, 1), 1600);
 }
 
 TEST(Separation, Modes2And3AreSingleImages) {
     TalvoroFrame f;
     ASSERT_EQ(process(f, 2, image16([](int r, int c) { return r * 3 + c; })), 1);
-    EXPECT_EQ(at16(f.depthFrame, 10, 20), 50);
-    f.irGain = 3;
+    EXPECT_EQ(at16(f.image(Image::Depth), 10, 20), 50);
+    f.setIRGain(3);
     ASSERT_EQ(process(f, 3, image16([](int r, int c) { return r + c + 30000; })), 1);
-    EXPECT_EQ(at16(f.rawIRFrame, 1, 2), 30003);
-    EXPECT_EQ(at16(f.irFrame, 1, 2), 65535);
-    EXPECT_EQ(at16(f.irFrame, 0, 0), 65535);
-    EXPECT_EQ(at16(f.depthFrame, 10, 20), 50);  // mode 3 leaves depth alone
+    EXPECT_EQ(at16(f.image(Image::RawIR), 1, 2), 30003);
+    EXPECT_EQ(at16(f.image(Image::IR), 1, 2), 65535);
+    EXPECT_EQ(at16(f.image(Image::IR), 0, 0), 65535);
+    EXPECT_EQ(at16(f.image(Image::Depth), 10, 20), 50);  // mode 3 leaves depth alone
 }
 
 TEST(Separation, Mode4DecodesTwelveBitLinesWithColourFirst) {
@@ -58,13 +58,13 @@ TEST(Separation, Mode4DecodesTwelveBitLinesWithColourFirst) {
     ASSERT_EQ(raw[1282], 0xEF);
     ASSERT_EQ(raw[0] & 1, 0);  // colour first
     ASSERT_EQ(process(f, 4, raw), 1);
-    EXPECT_EQ(at16(f.depthFrame, 0, 0), 0xABE);
-    EXPECT_EQ(at16(f.depthFrame, 0, 1), 0xCDF);
-    EXPECT_EQ(at16(f.depthFrame, 479, 0), depthAt(479, 0));  // the tag stays as bit 4
-    EXPECT_EQ(at16(f.depthFrame, 300, 555), depthAt(300, 555));
-    EXPECT_EQ(at16(f.rawIRFrame, 17, 33), irAt(17, 33));
-    EXPECT_EQ(at16(f.irFrame, 17, 33), std::min(65535, irAt(17, 33) * 16));
-    EXPECT_EQ(0, std::memcmp(f.rgbFrame.ptr(479), &raw[479 * (1280 + 1920)], 1280));
+    EXPECT_EQ(at16(f.image(Image::Depth), 0, 0), 0xABE);
+    EXPECT_EQ(at16(f.image(Image::Depth), 0, 1), 0xCDF);
+    EXPECT_EQ(at16(f.image(Image::Depth), 479, 0), depthAt(479, 0));  // the tag stays as bit 4
+    EXPECT_EQ(at16(f.image(Image::Depth), 300, 555), depthAt(300, 555));
+    EXPECT_EQ(at16(f.image(Image::RawIR), 17, 33), irAt(17, 33));
+    EXPECT_EQ(at16(f.image(Image::IR), 17, 33), std::min(65535, irAt(17, 33) * 16));
+    EXPECT_EQ(0, std::memcmp(f.image(Image::Rgb).ptr(479), &raw[479 * (1280 + 1920)], 1280));
 }
 
 TEST(Separation, Mode5DropsWord319OfEveryColourLine) {
@@ -72,20 +72,20 @@ TEST(Separation, Mode5DropsWord319OfEveryColourLine) {
     const Bytes raw = multiplexed(true, depthAt, irAt);
     ASSERT_EQ(raw.size(), 2770560u);
     ASSERT_EQ(process(f, 5, raw), 1);
-    ASSERT_EQ(f.rgbFrame.size(), cv::Size(1280, 720));
+    ASSERT_EQ(f.image(Image::Rgb).size(), cv::Size(1280, 720));
     for (int r : {0, 479, 480, 719}) {
         const size_t line =
             r < 480 ? size_t(r) * (2568 + 1920) : 480 * (2568 + 1920) + (r - 480) * 2568;
-        EXPECT_EQ(0, std::memcmp(f.rgbFrame.ptr(r), &raw[line], 2552)) << r;
-        EXPECT_EQ(0, std::memcmp(f.rgbFrame.ptr(r) + 2552, &raw[line + 2560], 8)) << r;
+        EXPECT_EQ(0, std::memcmp(f.image(Image::Rgb).ptr(r), &raw[line], 2552)) << r;
+        EXPECT_EQ(0, std::memcmp(f.image(Image::Rgb).ptr(r) + 2552, &raw[line + 2560], 8)) << r;
     }
-    EXPECT_EQ(at16(f.depthFrame, 479, 639), depthAt(479, 639));
+    EXPECT_EQ(at16(f.image(Image::Depth), 479, 639), depthAt(479, 639));
 }
 
 TEST(Separation, MalformedMultiplexedFramesFail) {
     LogCapture log;
     TalvoroFrame f;
-    f.captureTimestamp = 7;
+    f.stampCapture(7);
     // 481 depth lines (alternating with 480 IR lines) before any colour line.
     Bytes raw;
     for (int i = 0; i < 961; ++i)
@@ -93,8 +93,8 @@ TEST(Separation, MalformedMultiplexedFramesFail) {
     raw.resize(1536000, 0);
     EXPECT_EQ(process(f, 4, raw), -18);
     EXPECT_EQ(Talvoro::TALVOROError::cErrorNo.load(), -18);
-    EXPECT_EQ(f.timestamp.load(), 0);                    // nothing published
-    EXPECT_EQ(at16(f.depthFrame, 479, 5), 958 & 0xFFF);  // rows written so far stay
+    EXPECT_TRUE(f.hasUnprocessedCapture());                       // nothing published
+    EXPECT_EQ(at16(f.image(Image::Depth), 479, 5), 958 & 0xFFF);  // rows written so far stay
     EXPECT_EQ(log.count("\nTalvoroSDK:InvalidBuffer in process frame 0   "), 1u);
 
     // Too many colour lines, and a frame one byte short.
@@ -115,10 +115,10 @@ TEST(Separation, ShortBuffersFailInEveryMode) {
 TEST(Separation, Mode1WritesNoImage) {
     TalvoroFrame f;
     ASSERT_EQ(process(f, 2, image16([](int, int) { return 1234; })), 1);
-    f.captureTimestamp = 42;
+    f.stampCapture(42);
     ASSERT_EQ(process(f, 1, image16([](int, int) { return 99; })), 1);
-    EXPECT_EQ(at16(f.depthFrame, 5, 5), 1234);
-    EXPECT_EQ(f.timestamp.load(), 42);
+    EXPECT_EQ(at16(f.image(Image::Depth), 5, 5), 1234);
+    EXPECT_FALSE(f.hasUnprocessedCapture());  // published all the same
 }
 
 TEST(Separation, ColourOnlyModesCopyTheImage) {
@@ -127,11 +127,11 @@ TEST(Separation, ColourOnlyModesCopyTheImage) {
     for (size_t i = 0; i < raw.size(); ++i)
         raw[i] = uint8_t(i * 13);
     ASSERT_EQ(process(f, 7, raw), 1);
-    ASSERT_EQ(f.rgbFrame.size(), cv::Size(1280, 720));
-    EXPECT_EQ(0, std::memcmp(f.rgbFrame.ptr(), raw.data(), raw.size()));
+    ASSERT_EQ(f.image(Image::Rgb).size(), cv::Size(1280, 720));
+    EXPECT_EQ(0, std::memcmp(f.image(Image::Rgb).ptr(), raw.data(), raw.size()));
     raw.resize(1920 * 1200 * 2, 3);
     ASSERT_EQ(process(f, 9, raw), 1);
-    EXPECT_EQ(f.rgbFrame.size(), cv::Size(1920, 1200));
+    EXPECT_EQ(f.image(Image::Rgb).size(), cv::Size(1920, 1200));
 }
 
 TEST(Separation, PrivateCopyKeepsTheFirstLength) {
@@ -142,16 +142,14 @@ TEST(Separation, PrivateCopyKeepsTheFirstLength) {
     Bytes large = image16([](int, int) { return 6; });
     large.resize(large.size() * 2, 0xFF);
     ASSERT_EQ(f.setupFrame(small.data(), int(small.size())), 1);
-    EXPECT_EQ(f.frameLength, 614400u);
     ASSERT_EQ(f.setupFrame(large.data(), int(large.size())), 1);  // copies only 614,400
     ASSERT_EQ(f.processFrame(), 1);
-    EXPECT_EQ(at16(f.depthFrame, 479, 639), 6);
+    EXPECT_EQ(at16(f.image(Image::Depth), 479, 639), 6);
     // A shorter buffer is not padded with the rest of the older frame.
     ASSERT_EQ(f.setupFrame(small.data(), 1000), 1);
     EXPECT_EQ(f.processFrame(), -18);
     // Size 0 releases the copy; the next buffer allocates again.
     ASSERT_EQ(f.setupFrame(small.data(), 0), 1);
-    EXPECT_EQ(f.frameLength, 0u);
     ASSERT_EQ(f.setupFrame(small.data(), int(small.size())), 1);
     EXPECT_EQ(f.processFrame(), 1);
     EXPECT_EQ(log.count("\nTalvoroSDK:Maxlength in setup frame is 0   "), 2u);
@@ -161,18 +159,18 @@ TEST(Separation, PrivateCopyKeepsTheFirstLength) {
 
 TEST(Separation, FarRangeDoublesDepthWithSaturation) {
     TalvoroFrame f;
-    f.depthRange = 1;
+    f.updateDepthRange(1);
     ASSERT_EQ(process(f, 2, image16([](int r, int) { return r == 0 ? 1500 : 40000; })), 1);
-    EXPECT_EQ(at16(f.depthFrame, 0, 0), 3000);
-    EXPECT_EQ(at16(f.depthFrame, 1, 0), 65535);
+    EXPECT_EQ(at16(f.image(Image::Depth), 0, 0), 3000);
+    EXPECT_EQ(at16(f.image(Image::Depth), 1, 0), 65535);
 }
 
 TEST(Separation, MappingWithoutCalibrationDoublesEvenInNearRange) {
     TalvoroFrame f;
-    f.processingFlags |= TalvoroFrame::kRgbdMapping;
+    f.setProcessingFlags(TalvoroFrame::kRgbdMapping, true);
     ASSERT_EQ(process(f, 4, multiplexed(false, depthAt, irAt)), 1);
-    EXPECT_EQ(at16(f.depthFrame, 300, 555), 2 * depthAt(300, 555));
-    f.calibValidFlags = 0x3F;  // VGA only: mode 5 still lacks its HD set
+    EXPECT_EQ(at16(f.image(Image::Depth), 300, 555), 2 * depthAt(300, 555));
+    setCalibMask(f, 0x3F);  // VGA only: mode 5 still lacks its HD set
     ASSERT_EQ(process(f, 5, multiplexed(true, depthAt, irAt)), 1);
-    EXPECT_EQ(at16(f.depthFrame, 300, 555), 2 * depthAt(300, 555));
+    EXPECT_EQ(at16(f.image(Image::Depth), 300, 555), 2 * depthAt(300, 555));
 }

@@ -113,17 +113,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     if (size < 1 + ops) return 0;
     HID hid;
     talvoro_test::ScriptedCamera cam(hid);
-    std::size_t at = 1 + ops;
-    while (at < size) {
-        const uint8_t header = data[at++];
-        const std::size_t n = std::min<std::size_t>(header & 0x7F, size - at);
-        const std::vector<uint8_t> answer(data + at, data + at + n);
-        at += n;
-        if (answer.empty()) continue;  // an empty datagram would read as a hang-up
-        (header & 0x80) ? cam.imuReport(answer) : cam.answer(answer);
-    }
-    // Once the queued answers are used up, reads come back empty at once.
-    cam.hangUp();
+    cam.play(data + 1 + ops, size - 1 - ops);
     int blobSize = 0;
     for (std::size_t i = 0; i < ops; ++i)
         run(hid, data[1 + i], &blobSize);

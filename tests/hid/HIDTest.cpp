@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 #include <memory>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -536,6 +537,10 @@ TEST_F(OpenRefused, NodesThatCannotBeOpenedAreLoggedAndSkipped) {
     HID hid;
     EXPECT_EQ(openOn(hid, "HID-PERM"), CameraNotOpened);
     EXPECT_NE(logText().find("  : \nTalvoroSDK:hid open:\n"), std::string::npos);
+    // The cause, and what grants the permission.
+    EXPECT_TRUE(std::regex_search(logText(), std::regex("permission denied on /dev/hidraw[0-9]+: "
+                                                        "install the udev rule 60-talvoro.rules")))
+        << logText();
     ASSERT_TRUE(talvoro_vcam::clearFault("HID-PERM", "hid-open-fail"));
     EXPECT_EQ(openOn(hid, "HID-PERM"), Ok);
 }

@@ -6,6 +6,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -32,6 +34,20 @@ class ScriptedCamera {
     void hangUp() {
         ::shutdown(command_.get(), SHUT_WR);
         ::shutdown(imu_.get(), SHUT_WR);
+    }
+
+    // Queues the reports of a fuzz input, each a length byte (bit 7 set: for the IMU node, else
+    // for the command node; low 7 bits: 0..127 bytes) and its bytes, then hangs up.
+    void play(const uint8_t* data, std::size_t size) {
+        for (std::size_t at = 0; at < size;) {
+            const uint8_t header = data[at++];
+            const std::size_t n = std::min<std::size_t>(header & 0x7F, size - at);
+            const std::vector<uint8_t> report(data + at, data + at + n);
+            at += n;
+            if (report.empty()) continue;  // an empty datagram would read as a hang-up
+            (header & 0x80) ? imuReport(report) : answer(report);
+        }
+        hangUp();
     }
 
     // The requests written so far, oldest first.

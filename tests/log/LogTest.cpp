@@ -56,6 +56,20 @@ TEST_F(LogTest, EntryIsTimestampSeparatorMessageNewline) {
         << text;
 }
 
+// TALVORO_DATA_DIR moves the file out of the working directory; empty, it counts as unset.
+TEST_F(LogTest, DataDirectoryHoldsTheFileWhenSet) {
+    TempDir data;
+    ASSERT_EQ(setenv("TALVORO_DATA_DIR", data.path().c_str(), 1), 0);
+    Log::getInstance()->writeLog(7, "moved");
+    ASSERT_EQ(setenv("TALVORO_DATA_DIR", "", 1), 0);
+    Log::getInstance()->writeLog(7, "here");
+    unsetenv("TALVORO_DATA_DIR");
+    EXPECT_NE(readFile(data.file(Log::getInstance()->fileName())).find(" : moved\n"),
+              std::string::npos);
+    EXPECT_EQ(logText().find("moved"), std::string::npos);
+    EXPECT_NE(logText().find(" : here\n"), std::string::npos);
+}
+
 // Threshold -1..8 against the library's levels 1, 3, 7 and negative levels.
 TEST_F(LogTest, LevelFilterIsABitShiftOfTheLevel) {
     struct Row {

@@ -2,7 +2,8 @@
 // that the validity flags select.
 // wrapper.calibration: CAL-BOTH (both sets), CAL-HD (HD keys only), CAL-VGA (plain keys only),
 // CAL-NOHDR-D / CAL-NOHDR-X (depth / extrinsic block without "%YAML:1.0"), CAL-MISSING (no
-// colour block).
+// colour block), CAL-HUGE / CAL-BAD-FOCAL (depth block with enormous matrices / NaN and zero
+// focal lengths).
 #include <cstddef>
 #include <fstream>
 
@@ -124,6 +125,56 @@ TEST_F(Calibration, AMissingBlockEndsTheLoadingButNotTheOpen) {
     CalibrationParams p{};
     EXPECT_EQ(GetDeviceCalibrationParams(h, &p), CalibrationDataNotFound);
     EXPECT_EQ(IsOpened(h), CameraAlreadyOpen);
+}
+
+// A matrix the checks refuse counts as missing: the log says why, neither set reaches the
+// Device, and the camera streams all the same.
+TEST_F(Calibration, EnormousOrUnusableMatricesAreReportedMissing) {
+    const struct {
+        const char* serial;
+        const char* plainReason;
+        const char* hdReason;
+    } cases[] = {
+        {"CAL-HUGE", "SCCM_D refused: size out of bounds", "SCCM_D_HD refused: size out of bounds"},
+        {"CAL-BAD-FOCAL", "SCCM_D refused: value not finite",
+         "SCCM_D_HD refused: focal length below one pixel"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.serial);
+        const DeviceHandle h = open(c.serial);
+        const std::string log = logText();
+        EXPECT_NE(log.find(std::string("TalvoroSDK:") + c.plainReason), std::string::npos);
+        EXPECT_NE(log.find(std::string("TalvoroSDK:") + c.hdReason), std::string::npos);
+        EXPECT_NE(log.find("TalvoroSDK:depth_intrinsic data not found"), std::string::npos);
+        EXPECT_NE(log.find("TalvoroSDK:hd_depth_intrinsic data not found"), std::string::npos);
+        CalibrationParams p{};
+        EXPECT_EQ(GetDeviceCalibrationParams(h, &p), Ok);
+        EXPECT_TRUE(allZero(&p, sizeof p));
+        EXPECT_EQ(SetUnDistortion(h, 1), CalibrationDataNotFound);
+        EXPECT_EQ(SetRGBDMapping(h, 1), CalibrationDataNotFound);
+        ToFFrame depth{};
+        EXPECT_TRUE(fetch(h, RawDepth, &depth));
+        ASSERT_EQ(CloseDevice(h), Ok);
+    }
+}
+
+// A block OpenCV's reader would never finish is not handed to it: the open returns, the file is
+// reported not found and the loading ends there, as for any block that cannot be parsed.
+TEST_F(Calibration, ABlockOpenCvCannotFinishIsRefusedBeforeParsing) {
+    const DeviceHandle h = open("CAL-UNENDING");
+    const std::string log = logText();
+    EXPECT_NE(
+        log.find("TalvoroSDK:rgb_intrinsic.yml refused: line 3: indentation that opens no map"),
+        std::string::npos);
+    EXPECT_NE(log.find("TalvoroSDK:rgb_intrinsic.yml is not found, please make sure the file is in "
+                       "directory"),
+              std::string::npos);
+    EXPECT_FALSE(exists("stereo_extrinsic.yml"));  // the loading ended at the colour block
+    CalibrationParams p{};
+    EXPECT_EQ(GetDeviceCalibrationParams(h, &p), CalibrationDataNotFound);
+    ToFFrame depth{};
+    EXPECT_TRUE(fetch(h, RawDepth, &depth));
+    ASSERT_EQ(CloseDevice(h), Ok);
 }
 
 TEST_F(Calibration, ReadAgainAtTheNextOpenOverwritingStaleFiles) {
