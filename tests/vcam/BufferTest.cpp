@@ -1,4 +1,6 @@
-// Buffer lifecycle, ownership, readiness (select, dup) and pacing of the capture node.
+// Buffer lifecycle, ownership, readiness (select, dup) and pacing of the capture node, and the
+// metadata node's stream.
+#include <linux/usb/video.h>
 #include <sys/wait.h>
 
 #include <atomic>
@@ -237,6 +239,42 @@ TEST_F(Buffers, AForkedChildLeavesTheParentsStreamAlone) {
     for (int i = 0; i < 3; ++i)
         EXPECT_FALSE(dev.grab().empty());
     dev.stop();
+}
+
+TEST_F(Buffers, TheMetadataNodeStreamsAPayloadHeaderWithEveryFrame) {
+    VideoDevice meta(kMetaNode, O_RDWR | O_NONBLOCK, V4L2_BUF_TYPE_META_CAPTURE);
+    meta.start(4);
+    // On its own it follows the camera's clock: one UVC payload header per frame time.
+    v4l2_buffer m{};
+    std::vector<uint8_t> block = meta.grab(&m);
+    ASSERT_EQ(block.size(), 22u);
+    uint64_t ns;
+    std::memcpy(&ns, block.data(), sizeof ns);
+    EXPECT_EQ(ns / 1000, stampUs(m));
+    EXPECT_EQ(block[10], 12);  // bHeaderLength, with presentation time and source clock
+    EXPECT_EQ(block[11] & (UVC_STREAM_EOH | UVC_STREAM_PTS | UVC_STREAM_SCR),
+              UVC_STREAM_EOH | UVC_STREAM_PTS | UVC_STREAM_SCR);
+    VideoDevice other(kMetaNode, O_RDWR | O_NONBLOCK, V4L2_BUF_TYPE_META_CAPTURE);
+    EXPECT_EQ(other.requestBuffers(1), -EBUSY);
+    v4l2_format f{};
+    f.type = V4L2_BUF_TYPE_META_CAPTURE;
+    EXPECT_EQ(other.ioctl(VIDIOC_S_FMT, &f), -EBUSY);
+
+    // With the video stream each header goes with a frame: same sequence, same time.
+    meta.stop();
+    VideoDevice video(kNode);
+    ASSERT_EQ(video.setFormat(V4L2_PIX_FMT_Y16, 640, 480), 0);
+    video.start(4);
+    meta.start(4);
+    v4l2_buffer v{};
+    EXPECT_FALSE(video.grab(&v).empty());
+    do {
+        meta.grab(&m);
+    } while (!HasFailure() && stampUs(m) < stampUs(v));
+    EXPECT_EQ(stampUs(m), stampUs(v));
+    EXPECT_EQ(m.sequence, v.sequence);
+    meta.stop();
+    video.stop();
 }
 
 using Readiness = VcamTest;

@@ -143,6 +143,47 @@ TEST_F(Faults, EintrInterruptsEveryIoctlOnceOnBothNodes) {
     EXPECT_EQ(rawIoctl(dev.fd(), VIDIOC_G_FMT, &f), 0);
 }
 
+// A driver that lies: the answers say what no real buffer or format could be.
+TEST_F(Faults, LyingAnswersReachTheApplicationAsTheyAre) {
+    VideoDevice dev(kNode);
+    ASSERT_TRUE(talvoro_vcam::injectFault(kCamera, "format-size:320x240"));
+    v4l2_pix_format answer;
+    ASSERT_EQ(dev.setFormat(V4L2_PIX_FMT_Y16, 640, 480, &answer), 0);
+    EXPECT_EQ(answer.width, 320u);
+    EXPECT_EQ(answer.height, 240u);
+    EXPECT_EQ(answer.sizeimage, 320u * 240 * 2);
+    EXPECT_EQ(dev.format().width, 320u);  // and the camera goes by it
+    ASSERT_EQ(dev.requestBuffers(1), 1);
+    EXPECT_EQ(dev.queryBuffer(0).length, 320u * 240 * 2);
+    ASSERT_EQ(dev.requestBuffers(0), 0);
+    ASSERT_TRUE(talvoro_vcam::clearFault(kCamera, "format-size"));
+    ASSERT_EQ(dev.setFormat(V4L2_PIX_FMT_Y16, 640, 480), 0);
+
+    ASSERT_TRUE(talvoro_vcam::injectFault(kCamera, "zero-length"));
+    ASSERT_EQ(dev.requestBuffers(2), 2);
+    const v4l2_buffer empty = dev.queryBuffer(1);
+    EXPECT_EQ(empty.length, 0u);
+    EXPECT_EQ(::mmap(nullptr, empty.length, PROT_READ, MAP_SHARED, dev.fd(), empty.m.offset),
+              MAP_FAILED);
+    ASSERT_EQ(dev.requestBuffers(0), 0);
+    ASSERT_TRUE(talvoro_vcam::clearFault(kCamera, "zero-length"));
+
+    // The dequeue answers lie; the frames behind them are whole.
+    dev.start(3);
+    ASSERT_TRUE(talvoro_vcam::injectFault(kCamera, "long:100"));
+    v4l2_buffer b;
+    ASSERT_EQ(dev.dequeue(&b), 0);
+    EXPECT_EQ(b.bytesused, b.length + 100);
+    ASSERT_EQ(dev.queue(b.index), 0);
+    ASSERT_TRUE(talvoro_vcam::clearFault(kCamera, "long"));
+    ASSERT_TRUE(talvoro_vcam::injectFault(kCamera, "bad-index"));
+    ASSERT_EQ(dev.dequeue(&b), 0);
+    EXPECT_EQ(b.index, 3u);  // one past the last buffer
+    EXPECT_EQ(dev.queue(b.index), -EINVAL);
+    ASSERT_TRUE(talvoro_vcam::clearFault(kCamera, "bad-index"));
+    dev.stop();
+}
+
 TEST_F(Faults, FaultsStayWithTheirCamera) {
     ASSERT_TRUE(talvoro_vcam::injectFault(kSlowCamera, "reqbufs:1"));
     VideoDevice dev(kNode);

@@ -137,21 +137,7 @@ inline void pixelTowards(const double p[3], int* col, int* row) {
 }
 
 // Where point p (depth coordinates, mm) appears in the colour image of size w x h.
-inline void projectToColour(const double p[3], int w, int h, double* u, double* v) {
-    const auto e = vcam::model::extrinsics();
-    const auto in = vcam::model::colourIntrinsics(w, h);
-    double q[3];
-    for (int i = 0; i < 3; ++i)
-        q[i] = e.R[3 * i] * p[0] + e.R[3 * i + 1] * p[1] + e.R[3 * i + 2] * p[2] + e.T[i];
-    const double x = q[0] / q[2], y = q[1] / q[2], r2 = x * x + y * y;
-    const double k1 = in.dist[0], k2 = in.dist[1], p1 = in.dist[2], p2 = in.dist[3],
-                 k3 = in.dist[4];
-    const double radial = 1 + ((k3 * r2 + k2) * r2 + k1) * r2;
-    const double xd = x * radial + 2 * p1 * x * y + p2 * (r2 + 2 * x * x);
-    const double yd = y * radial + p1 * (r2 + 2 * y * y) + 2 * p2 * x * y;
-    *u = in.fx * xd + in.cx;
-    *v = in.fy * yd + in.cy;
-}
+using vcam::model::projectToColour;
 
 // Pixels well inside the box's front face (z = 1250 mm) and on the bare back wall (z = 2400).
 constexpr int kBoxCol = 160, kBoxRow = 380;

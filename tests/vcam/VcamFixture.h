@@ -25,7 +25,8 @@ class VcamTest : public ::testing::Test {
     }
     void TearDown() override {
         for (const char* serial : {kCamera, kSlowCamera}) {
-            for (const char* fault : {"stall", "short", "malformed", "reqbufs", "eintr"})
+            for (const char* fault : {"stall", "short", "malformed", "reqbufs", "eintr", "long",
+                                      "bad-index", "format-size", "zero-length"})
                 talvoro_vcam::clearFault(serial, fault);
             talvoro_vcam::setFrameMode(serial, 0, 0);
             talvoro_vcam::setDepthRange(serial, 0);

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <string>
@@ -60,6 +61,18 @@ bool waitFor(Fn condition, double seconds = 20) {
     return true;
 }
 
+// What a shell command writes to standard output and standard error.
+inline std::string commandOutput(const std::string& command) {
+    std::string out;
+    if (FILE* p = ::popen((command + " 2>&1").c_str(), "r")) {
+        char buf[512];
+        while (std::fgets(buf, sizeof buf, p))
+            out += buf;
+        ::pclose(p);
+    }
+    return out;
+}
+
 inline pid_t threadId() {
     return static_cast<pid_t>(::syscall(SYS_gettid));
 }
@@ -81,8 +94,10 @@ inline talvoro_vcam::FrameCounters counters(const char* serial) {
 
 class VideoDevice {
   public:
-    explicit VideoDevice(const std::string& path, int flags = O_RDWR | O_NONBLOCK)
-        : fd_(::open(path.c_str(), flags)) {}
+    // `type`: the buffers it streams (video capture, or metadata on a metadata node).
+    explicit VideoDevice(const std::string& path, int flags = O_RDWR | O_NONBLOCK,
+                         uint32_t type = V4L2_BUF_TYPE_VIDEO_CAPTURE)
+        : fd_(::open(path.c_str(), flags)), type_(type) {}
     ~VideoDevice() { close(); }
     VideoDevice(const VideoDevice&) = delete;
     VideoDevice& operator=(const VideoDevice&) = delete;
@@ -124,14 +139,14 @@ class VideoDevice {
         if (count == 0) unmap();
         v4l2_requestbuffers req{};
         req.count = count;
-        req.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        req.type = type_;
         req.memory = V4L2_MEMORY_MMAP;
         const int r = ioctl(VIDIOC_REQBUFS, &req);
         return r < 0 ? r : static_cast<int>(req.count);
     }
 
     v4l2_buffer queryBuffer(uint32_t index) {
-        v4l2_buffer b = buffer(index);
+        v4l2_buffer b = buffer(index, type_);
         EXPECT_EQ(ioctl(VIDIOC_QUERYBUF, &b), 0);
         return b;
     }
@@ -147,12 +162,12 @@ class VideoDevice {
             maps_.push_back({static_cast<uint8_t*>(p), b.length});
             ASSERT_EQ(queue(i), 0);
         }
-        uint32_t type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        uint32_t type = type_;
         ASSERT_EQ(ioctl(VIDIOC_STREAMON, &type), 0);
     }
 
     int streamOff() {
-        uint32_t type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        uint32_t type = type_;
         return ioctl(VIDIOC_STREAMOFF, &type);
     }
 
@@ -163,14 +178,14 @@ class VideoDevice {
     }
 
     int queue(uint32_t index) {
-        v4l2_buffer b = buffer(index);
+        v4l2_buffer b = buffer(index, type_);
         return ioctl(VIDIOC_QBUF, &b);
     }
 
     // Waits for a frame (up to `ms`) and dequeues it. 0 or -errno (-ETIME on time-out).
     int dequeue(v4l2_buffer* b, int ms = 20000) {
         if (!readable(fd_, ms)) return -ETIME;
-        *b = buffer(0);
+        *b = buffer(0, type_);
         return ioctl(VIDIOC_DQBUF, b);
     }
 
@@ -188,10 +203,10 @@ class VideoDevice {
         return frame;
     }
 
-    static v4l2_buffer buffer(uint32_t index) {
+    static v4l2_buffer buffer(uint32_t index, uint32_t type = V4L2_BUF_TYPE_VIDEO_CAPTURE) {
         v4l2_buffer b{};
         b.index = index;
-        b.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        b.type = type;
         b.memory = V4L2_MEMORY_MMAP;
         return b;
     }
@@ -208,6 +223,7 @@ class VideoDevice {
     }
 
     int fd_;
+    uint32_t type_;
     std::vector<Map> maps_;
 };
 

@@ -98,6 +98,35 @@ Extrinsics extrinsics() {
     return e;
 }
 
+namespace {
+
+// OpenCV's pinhole projection with radial and tangential distortion of a point in the camera's
+// own coordinates.
+void project(const Intrinsics& in, const double q[3], double* u, double* v) {
+    const double x = q[0] / q[2], y = q[1] / q[2], r2 = x * x + y * y;
+    const double k1 = in.dist[0], k2 = in.dist[1], p1 = in.dist[2], p2 = in.dist[3],
+                 k3 = in.dist[4];
+    const double radial = 1 + ((k3 * r2 + k2) * r2 + k1) * r2;
+    const double xd = x * radial + 2 * p1 * x * y + p2 * (r2 + 2 * x * x);
+    const double yd = y * radial + p1 * (r2 + 2 * y * y) + 2 * p2 * x * y;
+    *u = in.fx * xd + in.cx;
+    *v = in.fy * yd + in.cy;
+}
+
+}  // namespace
+
+void projectToDepth(const double p[3], double* col, double* row) {
+    project(depthIntrinsics(), p, col, row);
+}
+
+void projectToColour(const double p[3], int width, int height, double* u, double* v) {
+    const Extrinsics e = extrinsics();
+    double q[3];
+    for (int i = 0; i < 3; ++i)
+        q[i] = e.R[3 * i] * p[0] + e.R[3 * i + 1] * p[1] + e.R[3 * i + 2] * p[2] + e.T[i];
+    project(colourIntrinsics(width, height), q, u, v);
+}
+
 std::string calibrationYaml(int blobType, int sets) {
     std::ostringstream out;
     out << "%YAML:1.0\n---\n";

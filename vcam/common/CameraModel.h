@@ -40,6 +40,11 @@ Intrinsics colourIntrinsics(int width, int height);
 // Depth camera to colour camera.
 Extrinsics extrinsics();
 
+// Where a point (depth camera coordinates, mm) appears: in the ToF image (by the fitted OpenCV
+// model, within a pixel of the lens's own), and in the colour picture at one of its sizes.
+void projectToDepth(const double p[3], double* col, double* row);
+void projectToColour(const double p[3], int width, int height, double* u, double* v);
+
 // Calibration blobs as the camera stores them: OpenCV FileStorage YAML beginning with
 // "%YAML:1.0". `blobType` is the HID blob type (0 colour intrinsics, 1 depth intrinsics,
 // 2 extrinsics); `sets` the validity flag (0 plain keys, 1 HD keys, 2 both). The plain set

@@ -14,9 +14,15 @@ struct KindName {
     BlobKind kind;
     const char* name;
 };
-const KindName kKindNames[] = {{BlobKind::Both, "both"},   {BlobKind::Vga, "vga"},
-                               {BlobKind::Hd, "hd"},       {BlobKind::NoHeader, "no-header"},
-                               {BlobKind::Empty, "empty"}, {BlobKind::Missing, "missing"}};
+const KindName kKindNames[] = {{BlobKind::Both, "both"},
+                               {BlobKind::Vga, "vga"},
+                               {BlobKind::Hd, "hd"},
+                               {BlobKind::NoHeader, "no-header"},
+                               {BlobKind::Empty, "empty"},
+                               {BlobKind::Missing, "missing"},
+                               {BlobKind::Huge, "huge"},
+                               {BlobKind::BadFocal, "bad-focal"},
+                               {BlobKind::Unending, "unending"}};
 
 bool parseLong(const std::string& text, long min, long max, long* out) {
     char* end = nullptr;

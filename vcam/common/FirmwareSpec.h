@@ -16,7 +16,10 @@ enum class BlobKind {
     Hd,        // HD keys only, flag 1
     NoHeader,  // both key sets, flag 2, but the text does not begin with "%YAML:1.0"
     Empty,     // size 0, flag 2
-    Missing    // no blob: size requests are refused, the flag reads 0xFF
+    Missing,   // no blob: size requests are refused, the flag reads 0xFF
+    Huge,      // both key sets, flag 2, each 3 x 3 matrix declaring 100000 x 100000
+    BadFocal,  // both key sets, flag 2, the first value of each 3 x 3 matrix NaN (plain), 0 (HD)
+    Unending   // both key sets, flag 2, after lines OpenCV's YAML reader never finishes reading
 };
 
 struct FirmwareSpec {

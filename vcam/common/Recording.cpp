@@ -83,6 +83,7 @@ bool RecordingWriter::writeRecord(const char tag[4], const std::vector<uint8_t>&
     h.insert(h.end(), head.begin(), head.end());
     failed_ = std::fwrite(h.data(), 1, h.size(), file_.get()) != h.size() ||
               (size > 0 && std::fwrite(data, 1, size, file_.get()) != size);
+    if (failed_) errno_ = errno;
     return !failed_;
 }
 
@@ -109,8 +110,10 @@ bool RecordingWriter::close(std::string* error) {
         return false;
     }
     const bool flushed = std::fflush(file_.get()) == 0;
+    if (!flushed && !errno_) errno_ = errno;
     const bool ok = !failed_ && flushed && std::fclose(file_.release()) == 0;
-    if (!ok) *error = "writing the recording failed";
+    if (!ok && !errno_) errno_ = errno;
+    if (!ok) *error = std::string("writing the recording failed: ") + std::strerror(errno_);
     return ok;
 }
 

@@ -60,6 +60,8 @@ class RecordingWriter {
     bool writeFrame(const FrameInfo& info, const void* data, std::size_t size);
     // Flushes and closes; false when any write failed.
     bool close(std::string* error);
+    // The errno of the first write that failed (ENOSPC: the disk is full), or 0.
+    int writeError() const { return errno_; }
 
   private:
     bool writeRecord(const char tag[4], const std::vector<uint8_t>& head, const void* data,
@@ -67,6 +69,7 @@ class RecordingWriter {
 
     FilePtr file_;
     bool failed_ = false;
+    int errno_ = 0;
 };
 
 class RecordingReader {

@@ -1,6 +1,7 @@
 #include "Scenario.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <fstream>
 #include <set>
@@ -28,11 +29,31 @@ std::vector<std::string> splitList(const std::string& s, char sep) {
     return out;
 }
 
-bool parseInt(const std::string& value, int* out) {
+bool parseInt(const std::string& value, int* out, long max = 255) {
     char* end = nullptr;
     const long v = std::strtol(value.c_str(), &end, 10);
-    if (value.empty() || *end != '\0' || v < 0 || v > 255) return false;
+    if (value.empty() || *end != '\0' || v < 0 || v > max) return false;
     *out = static_cast<int>(v);
+    return true;
+}
+
+bool parseYesNo(const std::string& value, bool* out) {
+    if (value != "yes" && value != "no") return false;
+    *out = value == "yes";
+    return true;
+}
+
+bool parseSeed(const std::string& value, long* out) {
+    char* end = nullptr;
+    const long long v = std::strtoll(value.c_str(), &end, 10);
+    if (value.empty() || *end != '\0' || v < 0 || v > 0xFFFFFFFFLL) return false;
+    *out = static_cast<long>(v);
+    return true;
+}
+
+bool parseScene(const std::string& value, std::string* out) {
+    if (value != "moving" && value != "still") return false;
+    *out = value;
     return true;
 }
 
@@ -77,6 +98,14 @@ bool setCameraKey(CameraSpec* cam, const std::string& key, const std::string& va
         ok = parseFps(value, &cam->fps);
     else if (key == "replay")
         cam->replay = value;
+    else if (key == "seed")
+        ok = parseSeed(value, &cam->seed);
+    else if (key == "scene")
+        ok = parseScene(value, &cam->scene);
+    else if (key == "plugged")
+        ok = parseYesNo(value, &cam->plugged);
+    else if (key == "replugs")
+        ok = parseInt(value, &cam->replugs, 1000000);
     else if (key == "fault") {
         FaultSpec fault;
         if (!parseFault(value, &fault, error)) return false;
@@ -112,6 +141,42 @@ bool setNodeKey(NodeSpec* node, const std::string& key, const std::string& value
     return false;
 }
 
+// Each camera's own noise, reproducible from the run's seed: FNV-1a of the serial, mixed with it.
+long cameraSeed(long runSeed, const std::string& serial) {
+    uint32_t h = 2166136261u ^ static_cast<uint32_t>(runSeed);
+    for (unsigned char ch : serial)
+        h = (h ^ ch) * 16777619u;
+    return static_cast<long>(h);
+}
+
+// Takes the lowest number not in `used`.
+int lowestFree(std::set<int>* used) {
+    int n = 0;
+    while (used->count(n))
+        ++n;
+    used->insert(n);
+    return n;
+}
+
+// The highest node number a scenario file can name.
+constexpr int kMaxNode = 255;
+
+// Assigns the camera's node numbers left open (-1), the lowest free ones; false when they run
+// out.
+bool assignNodes(CameraSpec* c, std::set<int>* video, std::set<int>* hid, std::string* error) {
+    if (c->video < 0) c->video = lowestFree(video);
+    if (c->meta < 0) {
+        // The metadata node follows the capture node when that number is free.
+        c->meta = video->insert(c->video + 1).second ? c->video + 1 : lowestFree(video);
+    }
+    if (c->hidraw < 0) c->hidraw = lowestFree(hid);
+    if (c->hidrawImu < 0) c->hidrawImu = lowestFree(hid);
+    if (std::max({c->video, c->meta, c->hidraw, c->hidrawImu}) <= kMaxNode) return true;
+    *error = "no free node numbers for camera " + c->serial + " (at most " +
+             std::to_string(kMaxNode) + ")";
+    return false;
+}
+
 // "k=v,k=v" into pairs; ';' inside a value is kept (faults use it).
 bool splitOptions(const std::string& options, std::vector<std::pair<std::string, std::string>>* out,
                   std::string* error) {
@@ -140,6 +205,10 @@ const std::vector<std::string>& knownFaults() {
         "hid-nak",        // HID answers carry a negative acknowledgement
         "xu-fail",        // extension-unit queries fail
         "hid-open-fail",  // the hidraw nodes refuse to open (EACCES)
+        "long",           // DQBUF: bytesused beyond the buffer's length
+        "bad-index",      // DQBUF: an index beyond the buffers
+        "format-size",    // S_FMT and TRY_FMT answer a size of their own
+        "zero-length",    // buffers reported with length 0
     };
     return names;
 }
@@ -172,6 +241,16 @@ bool parseFault(const std::string& text, FaultSpec* fault, std::string* error) {
 
 bool CameraSpec::omits(const std::string& attribute) const {
     return std::find(omit.begin(), omit.end(), attribute) != omit.end();
+}
+
+std::string CameraSpec::stateName() const {
+    return replugs == 0 ? serial : serial + "@" + std::to_string(replugs);
+}
+
+CameraSpec* Scenario::camera(const std::string& serial) {
+    for (auto& c : cameras)
+        if (c.serial == serial) return &c;
+    return nullptr;
 }
 
 bool Scenario::parse(const std::string& text, std::string* error) {
@@ -216,9 +295,12 @@ bool Scenario::parse(const std::string& text, std::string* error) {
         else if (key == "fps") {
             ok = parseFps(value, &fps);
             if (!ok) why = "bad fps '" + value + "'";
-        } else if (key == "trace")
+        } else if (key == "trace") {
             trace = value;
-        else if (key == "cameras") {
+        } else if (key == "seed" || key == "scene") {
+            ok = key == "seed" ? parseSeed(value, &seed) : parseScene(value, &scene);
+            if (!ok) why = "bad value for " + key + ": '" + value + "'";
+        } else if (key == "cameras") {
             int n = 0;
             ok = parseInt(value, &n) && n <= 16;
             if (ok)
@@ -284,28 +366,10 @@ bool Scenario::resolve(std::string* error) {
     for (const auto& n : nodes)
         if (!claim(videoUsed, n.video, "video")) return false;
 
-    auto next = [](std::set<int>& used) {
-        int n = 0;
-        while (used.count(n))
-            ++n;
-        used.insert(n);
-        return n;
-    };
     int portNo = 1;
     for (std::size_t i = 0; i < cameras.size(); ++i) {
         CameraSpec& c = cameras[i];
-        if (c.video < 0) c.video = next(videoUsed);
-        if (c.meta < 0) {
-            // The metadata node follows the capture node when that number is free.
-            if (!videoUsed.count(c.video + 1)) {
-                c.meta = c.video + 1;
-                videoUsed.insert(c.meta);
-            } else {
-                c.meta = next(videoUsed);
-            }
-        }
-        if (c.hidraw < 0) c.hidraw = next(hidUsed);
-        if (c.hidrawImu < 0) c.hidrawImu = next(hidUsed);
+        if (!assignNodes(&c, &videoUsed, &hidUsed, error)) return false;
         if (c.serial.empty()) {
             char buf[32];
             std::snprintf(buf, sizeof buf, "TLV%07zu", i + 1);
@@ -322,15 +386,38 @@ bool Scenario::resolve(std::string* error) {
             ports.insert(c.usbPort);
         }
         if (c.fps <= 0) c.fps = fps;
+        if (c.scene.empty()) c.scene = scene;
+        if (c.seed < 0) c.seed = cameraSeed(seed, c.serial);
     }
-    for (auto& n : nodes)
-        if (n.video < 0) n.video = next(videoUsed);
+    for (auto& n : nodes) {
+        if (n.video < 0) n.video = lowestFree(&videoUsed);
+        if (n.video > kMaxNode) {
+            *error = "no free node number for a node (at most " + std::to_string(kMaxNode) + ")";
+            return false;
+        }
+    }
+    return true;
+}
+
+bool Scenario::renumber(std::size_t index, std::string* error) {
+    std::set<int> video, hid;
+    for (const auto& c : cameras) {
+        video.insert({c.video, c.meta});
+        hid.insert({c.hidraw, c.hidrawImu});
+    }
+    for (const auto& n : nodes)
+        video.insert(n.video);
+    CameraSpec c = cameras[index];
+    c.video = c.meta = c.hidraw = c.hidrawImu = -1;
+    if (!assignNodes(&c, &video, &hid, error)) return false;
+    cameras[index] = c;
     return true;
 }
 
 std::string Scenario::serialize() const {
     std::ostringstream out;
     out << "fps = " << fps << "\n";
+    out << "seed = " << seed << "\nscene = " << scene << "\n";
     if (!trace.empty()) out << "trace = " << trace << "\n";
     for (const auto& c : cameras) {
         out << "\n[camera]\n";
@@ -348,7 +435,11 @@ std::string Scenario::serialize() const {
         out << "hidraw = " << c.hidraw << "\nhidraw_imu = " << c.hidrawImu << "\n";
         out << "usb = " << c.usbPort << "\n";
         out << "fps = " << c.fps << "\n";
+        if (c.seed >= 0) out << "seed = " << c.seed << "\n";
+        if (!c.scene.empty()) out << "scene = " << c.scene << "\n";
         if (!c.replay.empty()) out << "replay = " << c.replay << "\n";
+        if (!c.plugged) out << "plugged = no\n";
+        if (c.replugs) out << "replugs = " << c.replugs << "\n";
         for (const auto& f : c.faults)
             out << "fault = " << f << "\n";
         out << serializeFirmware(c.firmware);

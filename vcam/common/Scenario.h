@@ -38,6 +38,14 @@ struct CameraSpec {
     std::string replay;               // recording to play instead of the synthetic scene
     std::vector<std::string> faults;  // fault specifications, see docs/vcam.md
     FirmwareSpec firmware;            // identity, board data and calibration blobs
+    long seed = -1;                   // sensor noise seed (-1: from the scenario's seed and serial)
+    std::string scene;                // "moving" or "still" (empty: the scenario's)
+    bool plugged = true;              // false: known to the run, not plugged in (yet, or now)
+    int replugs = 0;                  // times the launcher plugged it back in during the run
+
+    // Name of this incarnation's state files in the run's state directory: the serial, and a
+    // replugged camera starts afresh under "SERIAL@N".
+    std::string stateName() const;
 
     bool omits(const std::string& attribute) const;
 };
@@ -51,12 +59,20 @@ struct NodeSpec {
 
 struct Scenario {
     double fps = 30;
-    std::string trace;  // wire trace file (empty: off)
+    long seed = 1;                 // the run's noise seed, from which each camera's is drawn
+    std::string scene = "moving";  // what cameras without their own show
+    std::string trace;             // wire trace file (empty: off)
     std::vector<CameraSpec> cameras;
     std::vector<NodeSpec> nodes;
 
     // Assigns node numbers, serials and USB ports left open; fails on clashes.
     bool resolve(std::string* error);
+    // Gives camera `index` the lowest node numbers that no camera or node of the scenario holds,
+    // its own included, as the kernel numbers a camera plugged back while the old nodes are
+    // still open. False, the camera unchanged, when the numbers run out.
+    bool renumber(std::size_t index, std::string* error);
+    // The camera with `serial`, or null.
+    CameraSpec* camera(const std::string& serial);
 
     // The scenario file format (documented in docs/vcam.md). parse() appends to this scenario.
     bool parse(const std::string& text, std::string* error);

@@ -9,6 +9,9 @@
 
 #include <dlfcn.h>
 
+#include <cstddef>
+#include <string>
+
 namespace talvoro_vcam {
 
 template <typename Fn>
@@ -21,7 +24,7 @@ inline bool present() {
     return lookup<int (*)()>("talvoro_vcam_camera_count") != nullptr;
 }
 
-/* Number of virtual cameras in the scenario, or -1 without the virtual camera. */
+/* Number of virtual cameras plugged in, or -1 without the virtual camera. */
 inline int cameraCount() {
     auto fn = lookup<int (*)()>("talvoro_vcam_camera_count");
     return fn ? fn() : -1;
@@ -38,6 +41,37 @@ inline bool injectFault(const char* serial, const char* spec) {
 inline bool clearFault(const char* serial, const char* name) {
     auto fn = lookup<int (*)(const char*, const char*)>("talvoro_vcam_clear_fault");
     return fn && fn(serial, name) == 0;
+}
+
+/* Plugs a camera in while the program runs, as `talvoro-vcam ctl plug` does: a camera of the
+ * run that was unplugged comes back with new node numbers (and its settings reset); a serial
+ * the run does not know becomes a new camera, `options` giving its keys as --camera does
+ * ("fps=10,fault=stall"). Returns once udev has announced it and its nodes open; false, with
+ * the reason in *error, when that is not possible. */
+inline bool plug(const char* serial, const char* options = "", std::string* error = nullptr) {
+    auto fn = lookup<int (*)(const char*, const char*, char*, std::size_t)>("talvoro_vcam_plug");
+    char reason[256] = "not running under talvoro-vcam";
+    const bool done = fn && fn(serial, options, reason, sizeof reason) == 0;
+    if (!done && error) *error = reason;
+    return done;
+}
+
+/* Unplugs a camera while the program runs, as `talvoro-vcam ctl unplug` does: "remove" uevents
+ * for its devices, its nodes gone from /dev, and every descriptor of it failing with ENODEV in
+ * every process of the run. Returns once that is so. */
+inline bool unplug(const char* serial, std::string* error = nullptr) {
+    auto fn = lookup<int (*)(const char*, char*, std::size_t)>("talvoro_vcam_unplug");
+    char reason[256] = "not running under talvoro-vcam";
+    const bool done = fn && fn(serial, reason, sizeof reason) == 0;
+    if (!done && error) *error = reason;
+    return done;
+}
+
+/* The number N of the camera's capture node /dev/videoN (its metadata node, usually N + 1, is
+ * in udev), or -1 while it is not plugged in. */
+inline int captureNode(const char* serial) {
+    auto fn = lookup<int (*)(const char*)>("talvoro_vcam_capture_node");
+    return fn ? fn(serial) : -1;
 }
 
 /* The wire trace file of this run (see docs/vcam.md), or "" when there is none. */

@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
-#include "Recording.h"
+#include "Run.h"
+#include "RunState.h"
 #include "Scenario.h"
-#include "Testbed.h"
 
 namespace {
 
@@ -25,9 +25,13 @@ constexpr const char* kPreloadName = "libtalvoro-vcam-preload.so";
 
 const char* kUsage =
     "usage: talvoro-vcam run [options] -- COMMAND [ARG...]\n"
+    "       talvoro-vcam ctl plug SERIAL [K=V[,K=V...]]\n"
+    "       talvoro-vcam ctl unplug SERIAL\n"
     "\n"
-    "Runs COMMAND with virtual Talvoro cameras present: a sysfs/udev tree (umockdev) and\n"
+    "run: runs COMMAND with virtual Talvoro cameras present: a sysfs/udev tree (umockdev) and\n"
     "emulated /dev/videoN and /dev/hidrawN nodes. Exits with COMMAND's status.\n"
+    "ctl: plugs a camera in or unplugs it while a run goes on (from a process of that run);\n"
+    "a new SERIAL takes camera keys as --camera does.\n"
     "\n"
     "options:\n"
     "  --scenario FILE        read cameras and nodes from a scenario file\n"
@@ -36,10 +40,13 @@ const char* kUsage =
     "  --node K=V[,K=V...]    add a video node that is not a Talvoro camera\n"
     "                         (type=platform|usb-other, video=N)\n"
     "  --fps F                frame rate of every camera without its own (default 30)\n"
+    "  --seed N               seed of the sensor noise (default 1): same seed, same frames\n"
+    "  --still                the ball and the door keep still in every camera's scene\n"
     "  --trace FILE           write the wire trace to FILE\n"
     "  --print-scenario       print the resolved scenario and exit\n"
     "\n"
-    "Without any camera option one camera is added. See docs/vcam.md.\n";
+    "Without any camera option one camera is added. See vcam.md (docs/ in the source, installed\n"
+    "in share/doc/talvoro-tools).\n";
 
 int usageError(const std::string& message) {
     std::cerr << "talvoro-vcam: " << message << "\n" << kUsage;
@@ -86,26 +93,19 @@ std::string otherPreloads() {
     return out;
 }
 
-// Replayed recordings must be readable; their paths become absolute, so that COMMAND finds them
-// from any working directory.
-bool checkRecordings(vcam::Scenario* scenario, std::string* error) {
-    for (auto& camera : scenario->cameras) {
-        if (camera.replay.empty()) continue;
-        vcam::rec::RecordingReader reader;
-        if (!reader.open(camera.replay, error)) return false;
-        char* real = realpath(camera.replay.c_str(), nullptr);
-        if (real) {
-            camera.replay = real;
-            std::free(real);
-        }
+// talvoro-vcam ctl plug|unplug SERIAL [OPTIONS]: 0 done, 1 refused or no launcher, 2 usage.
+int control(int argc, char** argv) {
+    const bool plug = argc >= 4 && std::strcmp(argv[2], "plug") == 0 && argc <= 5;
+    const bool unplug = argc == 4 && std::strcmp(argv[2], "unplug") == 0;
+    if (!plug && !unplug) return usageError("ctl takes plug SERIAL [K=V,...] or unplug SERIAL");
+    std::string message = std::string(argv[2]) + "\n" + argv[3];
+    if (plug) message += "\n" + std::string(argc == 5 ? argv[4] : "");
+    std::string answer;
+    if (!vcam::run::request(message, &answer) || answer != "ok") {
+        std::cerr << "talvoro-vcam: " << argv[2] << " " << argv[3] << ": " << answer << "\n";
+        return 1;
     }
-    return true;
-}
-
-pid_t g_child = -1;
-
-void forwardSignal(int sig) {
-    if (g_child > 0) kill(g_child, sig);
+    return 0;
 }
 
 }  // namespace
@@ -115,6 +115,7 @@ int main(int argc, char** argv) {
         std::cout << kUsage;
         return argc < 2 ? 2 : 0;
     }
+    if (std::strcmp(argv[1], "ctl") == 0) return control(argc, argv);
     if (std::strcmp(argv[1], "run") != 0)
         return usageError("unknown command " + std::string(argv[1]));
 
@@ -135,7 +136,8 @@ int main(int argc, char** argv) {
     std::string error;
     bool anyCamera = false, printOnly = false;
     double fps = 0;
-    std::string trace;
+    std::string trace, seed;
+    bool still = false;
     int i = 2;
     for (; i < argc; ++i) {
         const std::string arg = argv[i];
@@ -174,6 +176,11 @@ int main(int argc, char** argv) {
             if (!value(&v)) return usageError("--fps needs a rate");
             fps = std::strtod(v.c_str(), nullptr);
             if (!(fps > 0) || fps > 1000) return usageError("--fps takes a rate above 0");
+        } else if (arg == "--seed") {
+            if (!value(&v)) return usageError("--seed needs a number");
+            seed = v;
+        } else if (arg == "--still") {
+            still = true;
         } else if (arg == "--trace") {
             if (!value(&trace)) return usageError("--trace needs a file");
         } else if (arg == "--print-scenario") {
@@ -185,13 +192,16 @@ int main(int argc, char** argv) {
     if (!anyCamera) scenario.cameras.resize(1);
     if (fps > 0) scenario.fps = fps;
     if (!trace.empty()) scenario.trace = trace;
+    if (still) scenario.scene = "still";
+    if (!seed.empty() && !scenario.parse("seed = " + seed, &error))
+        return usageError("--seed takes 0 to 4294967295");
     // Every process of the run appends to the trace, whatever its working directory.
     if (!scenario.trace.empty() && scenario.trace[0] != '/') {
         char cwd[PATH_MAX];
         if (getcwd(cwd, sizeof cwd)) scenario.trace = std::string(cwd) + "/" + scenario.trace;
     }
     if (!scenario.resolve(&error)) return usageError(error);
-    if (!checkRecordings(&scenario, &error)) return usageError(error);
+    if (!vcam::checkRecordings(&scenario, &error)) return usageError(error);
     if (printOnly) {
         std::cout << scenario.serialize();
         return 0;
@@ -204,50 +214,16 @@ int main(int argc, char** argv) {
         return 127;
     }
 
-    vcam::Testbed testbed;
-    if (!testbed.build(scenario, &error)) {
-        std::cerr << "talvoro-vcam: " << error << "\n";
-        return 127;
-    }
-    const std::string stateDir = testbed.root() + "/talvoro-vcam";
-    mkdir(stateDir.c_str(), 0755);
-    const std::string scenarioPath = stateDir + "/scenario";
-    {
-        std::ofstream out(scenarioPath);
-        out << scenario.serialize();
-        if (!out) {
-            std::cerr << "talvoro-vcam: cannot write " << scenarioPath << "\n";
-            return 127;
-        }
-    }
-
     if (!scenario.trace.empty() && !std::ofstream(scenario.trace, std::ios::trunc)) {
         std::cerr << "talvoro-vcam: cannot write the trace file " << scenario.trace << "\n";
         return 127;
     }
-
-    const std::string others = otherPreloads();
-    const std::string childPreload =
-        preload + ":" + kUmockdevPreload + (others.empty() ? "" : ":" + others);
-
-    g_child = fork();
-    if (g_child < 0) {
-        std::cerr << "talvoro-vcam: fork: " << std::strerror(errno) << "\n";
+    vcam::Run run(std::move(scenario));
+    if (!run.prepare(&error)) {
+        std::cerr << "talvoro-vcam: " << error << "\n";
         return 127;
     }
-    if (g_child == 0) {
-        setenv("LD_PRELOAD", childPreload.c_str(), 1);
-        setenv("TALVORO_VCAM_SCENARIO", scenarioPath.c_str(), 1);
-        execvp(argv[i], argv + i);
-        std::cerr << "talvoro-vcam: cannot run " << argv[i] << ": " << std::strerror(errno) << "\n";
-        _exit(127);
-    }
-    for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
-        signal(sig, forwardSignal);
-    int status = 0;
-    while (waitpid(g_child, &status, 0) < 0 && errno == EINTR) {
-    }
-    if (WIFEXITED(status)) return WEXITSTATUS(status);
-    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-    return 1;
+    const std::string others = otherPreloads();
+    return run.execute(argv + i,
+                       preload + ":" + kUmockdevPreload + (others.empty() ? "" : ":" + others));
 }

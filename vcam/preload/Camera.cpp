@@ -5,11 +5,13 @@
 #include "CalibrationSource.h"
 #include "Firmware.h"
 #include "HidNode.h"
+#include "Stream.h"
 #include "VideoNode.h"
 
 namespace vcam {
 
-Camera::Camera(const CameraSpec& spec) : spec_(spec) {
+Camera::Camera(const CameraSpec& spec)
+    : locks(testbedStatePath(spec.stateName(), "locks")), spec_(spec) {
     for (const auto& text : spec_.faults) {
         FaultSpec fault;
         std::string error;
@@ -55,6 +57,22 @@ std::string Camera::busInfo() const {
     const auto dash = spec_.usbPort.find('-');
     return "usb-0000:00:14.0-" +
            (dash == std::string::npos ? spec_.usbPort : spec_.usbPort.substr(dash + 1));
+}
+
+}  // namespace vcam
+
+namespace vcam {
+
+void Camera::disconnect() {
+    state.unplugged = true;
+    if (disconnected_.exchange(true)) return;
+    if (capture && capture->stream()) capture->stream()->wakeUnplugged();
+    for (const auto& hid : {hidCommand, hidImu})
+        if (hid) hid->disconnect();
+}
+
+std::array<Node*, 4> Camera::nodes() const {
+    return {capture.get(), metadata.get(), hidCommand.get(), hidImu.get()};
 }
 
 }  // namespace vcam

@@ -2,6 +2,7 @@
 #ifndef TALVORO_VCAM_CAMERA_H
 #define TALVORO_VCAM_CAMERA_H
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -9,13 +10,16 @@
 #include <string>
 #include <vector>
 
+#include "Priorities.h"
 #include "Scenario.h"
+#include "SharedLocks.h"
 
 namespace vcam {
 
 class VideoNode;
 class HidNode;
 class Firmware;
+class Node;
 
 // What the control side (extension-unit and HID firmware) sets and the stream follows.
 struct CameraState {
@@ -26,7 +30,7 @@ struct CameraState {
     std::atomic<uint8_t> frameModeSecond{0};
     // 0 near range (millimetres), 1 far range (depth in 2 mm units).
     std::atomic<uint16_t> depthRange{0};
-    // Set once by the unplug fault: every node refuses from then on.
+    // Set once the camera is unplugged: every node refuses from then on.
     std::atomic<bool> unplugged{false};
 };
 
@@ -36,6 +40,10 @@ class Camera {
 
     const CameraSpec& spec() const { return spec_; }
     CameraState state;
+    // What every process of the run shares about the camera's nodes, and the file-handle
+    // priorities of its two video nodes.
+    SharedLocks locks;
+    Priorities priorities{locks};
 
     // Faults from the scenario and injected at run time; the stream and the firmware look
     // them up where they apply.
@@ -47,6 +55,12 @@ class Camera {
     // uvcvideo's bus_info for the camera's USB port, e.g. "usb-0000:00:14.0-2".
     std::string busInfo() const;
 
+    // The camera is unplugged (see unplugCamera in Hotplug.h): its descriptors fail from now on
+    // and whoever waits on one wakes. Idempotent.
+    void disconnect();
+    // The capture, metadata, HID command and HID IMU nodes.
+    std::array<Node*, 4> nodes() const;
+
     std::shared_ptr<VideoNode> capture;
     std::shared_ptr<VideoNode> metadata;
     std::shared_ptr<HidNode> hidCommand;
@@ -56,6 +70,7 @@ class Camera {
 
   private:
     CameraSpec spec_;
+    std::atomic<bool> disconnected_{false};
     mutable std::mutex faultMutex_;
     std::vector<FaultSpec> faults_;
 };

@@ -6,8 +6,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <vector>
 
 #include "Firmware.h"
+#include "UserCopy.h"
 #include "VideoNode.h"
 #include "WireTrace.h"
 
@@ -104,18 +106,28 @@ int ExtensionUnit::query(uvc_xu_control_query& q) {
     const std::string node = nodeName(firmware_.camera().capture->devPath());
     const std::string what = "XU " + std::to_string(q.unit) + " " + std::to_string(q.selector) +
                              " " + queryName(q.query);
-    const bool sends = q.query == UVC_SET_CUR && q.data;
-    traceLine(node + " > " + what + (sends ? " " + hexBytes(q.data, q.size) : ""));
+    // uvcvideo works on its own copy of the data: an unreadable or unwritable buffer gives
+    // EFAULT.
+    uint8_t* const userData = q.data;
+    std::vector<uint8_t> data(q.size);
+    const bool readable =
+        !userData || q.query != UVC_SET_CUR || user::copyFrom(data.data(), userData, q.size);
+    const bool sends = q.query == UVC_SET_CUR && userData && readable;
+    traceLine(node + " > " + what + (sends ? " " + hexBytes(data.data(), q.size) : ""));
 
     int r;
     {
         std::lock_guard<std::mutex> lock(mutex_);
+        q.data = userData && readable ? data.data() : nullptr;
         r = dispatch(q);
+        q.data = userData;
     }
+    if (r >= 0 && q.query != UVC_SET_CUR && !user::copyTo(userData, data.data(), q.size))
+        r = -EFAULT;
     if (r < 0)
         traceLine(node + " ! " + what + " " + errnoName(-r));
     else if (q.query != UVC_SET_CUR)
-        traceLine(node + " < " + what + " " + hexBytes(q.data, q.size));
+        traceLine(node + " < " + what + " " + hexBytes(data.data(), q.size));
     return r;
 }
 

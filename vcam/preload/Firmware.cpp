@@ -24,7 +24,7 @@ Settings defaultSettings() {
 
 Firmware::Firmware(Camera& camera)
     : camera_(camera),
-      store_(FirmwareStore::pathFor(camera.spec().serial), defaultSettings()),
+      store_(FirmwareStore::pathFor(camera.spec().stateName()), defaultSettings()),
       source_(modelCalibration(camera.spec().firmware)),
       xu_(std::make_unique<ExtensionUnit>(*this)),
       controls_(std::make_unique<StandardControls>(*this)),

@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "SharedLocks.h"
+
 namespace vcam::formats {
 
 namespace {
@@ -21,13 +23,8 @@ constexpr Format kFormats[] = {
     {V4L2_PIX_FMT_UYVY, "UYVY 4:2:2", kUyvySizes, 4},
 };
 
-std::string statePath(const std::string& serial) {
-    const char* root = std::getenv("UMOCKDEV_DIR");
-    if (!root) return "";
-    std::string name = serial;
-    for (char& c : name)
-        if (c == '/') c = '_';
-    return std::string(root) + "/talvoro-vcam/" + name + ".stream";
+std::string statePath(const std::string& name) {
+    return testbedStatePath(name, "stream");
 }
 
 }  // namespace

@@ -10,6 +10,9 @@
 
 namespace vcam::formats {
 
+// The metadata node's buffers: uvcvideo's UVC_METADATA_BUF_SIZE.
+constexpr uint32_t kMetadataBufferSize = 10240;
+
 struct Size {
     uint32_t width;
     uint32_t height;

@@ -45,7 +45,9 @@ ContentSpec contentFor(const FrameRequest& r) {
     return spec;
 }
 
-FrameSource::FrameSource(std::string replayPath) : replayPath_(std::move(replayPath)) {}
+FrameSource::FrameSource(const CameraSpec& camera)
+    : replayPath_(camera.replay),
+      synthetic_(static_cast<uint32_t>(camera.seed), camera.scene == "still", camera.fps) {}
 
 FrameSource::TrackKey FrameSource::keyOf(uint32_t fourcc, uint32_t width, uint32_t height,
                                          int first, int second, int range) {
@@ -101,7 +103,7 @@ void FrameSource::prepare(const FrameRequest& request) {
         std::lock_guard<std::mutex> lock(trackMutex_);
         replayed = trackFor(request) != nullptr;
     }
-    if (!replayed) syntheticFrames(contentFor(request));
+    if (!replayed) SyntheticFrames::prepare(contentFor(request));
 }
 
 std::size_t FrameSource::fill(const FrameRequest& request, uint8_t* dst, std::size_t capacity) {
@@ -116,8 +118,7 @@ std::size_t FrameSource::fill(const FrameRequest& request, uint8_t* dst, std::si
         }
     }
     // No recorded frame for this format and frame mode: the synthetic scene stands in.
-    const auto set = syntheticFrames(contentFor(request));
-    const auto& frame = set->variants[request.index % set->variants.size()];
+    const std::vector<uint8_t>& frame = synthetic_.frame(contentFor(request), request.index);
     std::memcpy(dst, frame.data(), std::min(frame.size(), capacity));
     return frame.size();
 }

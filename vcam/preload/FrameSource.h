@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Recording.h"
+#include "Scenario.h"
 #include "SyntheticFrames.h"
 
 namespace vcam {
@@ -34,13 +35,14 @@ ContentSpec contentFor(const FrameRequest& request);
 
 class FrameSource {
   public:
-    // `replayPath`: a recording to play, or empty for the synthetic scene.
-    explicit FrameSource(std::string replayPath);
+    // The camera's recording to play (its `replay`), else its synthetic scene.
+    explicit FrameSource(const CameraSpec& camera);
 
     // Renders or loads what fill() will need for `request`, so that the first frame is on time.
     void prepare(const FrameRequest& request);
     // Writes the frame into `dst`, at most `capacity` bytes. Returns the frame's own size, which
-    // may be more than was written (the buffer is too small for the content) or less.
+    // may be more than was written (the buffer is too small for the content) or less. Called
+    // by one thread at a time.
     std::size_t fill(const FrameRequest& request, uint8_t* dst, std::size_t capacity);
 
     // The recording being replayed; null for the synthetic scene or an unreadable file.
@@ -64,6 +66,7 @@ class FrameSource {
     std::mutex trackMutex_;
     std::map<TrackKey, Track> exact_;  // by format, frame mode and depth range
     std::map<TrackKey, Track> anyRange_;
+    SyntheticFrames synthetic_;
 };
 
 }  // namespace vcam

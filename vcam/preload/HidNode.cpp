@@ -12,6 +12,7 @@
 #include "Camera.h"
 #include "Firmware.h"
 #include "ImuStream.h"
+#include "UserCopy.h"
 #include "WireTrace.h"
 
 namespace vcam {
@@ -44,13 +45,23 @@ std::shared_ptr<OpenFile> HidNode::makeOpenFile(int clientFd, int peerFd, int fl
     return file;
 }
 
-void HidNode::send(const HidReport& report) {
+std::vector<std::shared_ptr<HidOpenFile>> HidNode::openFiles() {
     std::vector<std::shared_ptr<HidOpenFile>> open;
-    {
-        std::lock_guard<std::mutex> lock(filesMutex_);
-        for (const auto& weak : files_)
-            if (auto f = weak.lock()) open.push_back(std::move(f));
-    }
+    std::lock_guard<std::mutex> lock(filesMutex_);
+    for (const auto& weak : files_)
+        if (auto f = weak.lock()) open.push_back(std::move(f));
+    return open;
+}
+
+void HidNode::disconnect() {
+    // hidraw wakes its readers with an error; here the application's select sees the end of
+    // the stream, and its read then fails with ENODEV.
+    for (const auto& f : openFiles())
+        ::shutdown(f->peerFd(), SHUT_RDWR);
+}
+
+void HidNode::send(const HidReport& report) {
+    const std::vector<std::shared_ptr<HidOpenFile>> open = openFiles();
     if (open.empty()) return;
     for (const auto& f : open)
         f->deliver(report);
@@ -76,23 +87,24 @@ bool HidOpenFile::deliver(const HidReport& report) {
            static_cast<ssize_t>(report.size());
 }
 
+// hidraw writes its answers to the caller's memory itself: a bad pointer gives EFAULT.
 int HidOpenFile::ioctl(unsigned long request, void* arg) {
     if (const int err = failure()) return -err;
-    if (!arg) return request == HIDIOCGRDESCSIZE || request == HIDIOCGRAWINFO ? -EFAULT : -ENOTTY;
     switch (request) {
-        case HIDIOCGRDESCSIZE:
-            *static_cast<int*>(arg) = hid().kind() == HidNode::Kind::Command
-                                          ? HidNode::kCommandDescriptorSize
-                                          : HidNode::kImuDescriptorSize;
-            return 0;
+        case HIDIOCGRDESCSIZE: {
+            const int size = hid().kind() == HidNode::Kind::Command
+                                 ? HidNode::kCommandDescriptorSize
+                                 : HidNode::kImuDescriptorSize;
+            return user::copyTo(arg, &size, sizeof size) ? 0 : -EFAULT;
+        }
         case HIDIOCGRAWINFO: {
-            auto* info = static_cast<hidraw_devinfo*>(arg);
-            info->bustype = BUS_USB;
-            info->vendor = static_cast<__s16>(
+            hidraw_devinfo info{};
+            info.bustype = BUS_USB;
+            info.vendor = static_cast<__s16>(
                 std::strtol(hid().camera()->spec().vendorId.c_str(), nullptr, 16));
-            info->product = static_cast<__s16>(
+            info.product = static_cast<__s16>(
                 std::strtol(hid().camera()->spec().productId.c_str(), nullptr, 16));
-            return 0;
+            return user::copyTo(arg, &info, sizeof info) ? 0 : -EFAULT;
         }
         default:
             return -ENOTTY;
@@ -117,11 +129,10 @@ ssize_t HidOpenFile::write(int, const void* buf, std::size_t count) {
         errno = EINVAL;
         return -1;
     }
-    if (!buf) {
+    if (!user::copyFrom(request.data(), buf, count)) {
         errno = EFAULT;
         return -1;
     }
-    std::memcpy(request.data(), buf, count);
     const std::string node = nodeName(hid().devPath());
     traceLine(node + " > " + hexBytes(request.data(), count));
     // The IMU interface takes no commands.

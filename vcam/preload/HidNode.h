@@ -34,6 +34,8 @@ class HidNode : public Node {
 
     // Sends a report from the device to every open file (and to the trace).
     void send(const HidReport& report);
+    // The camera is gone: every open file turns readable, and its reads fail.
+    void disconnect();
 
   protected:
     int socketType() const override;
@@ -45,6 +47,8 @@ class HidNode : public Node {
     std::shared_ptr<Camera> camera_;
     std::mutex filesMutex_;
     std::vector<std::weak_ptr<HidOpenFile>> files_;
+
+    std::vector<std::shared_ptr<HidOpenFile>> openFiles();
 };
 
 class HidOpenFile : public OpenFile {

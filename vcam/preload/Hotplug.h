@@ -1,19 +1,16 @@
-// The camera's presence in the testbed's sysfs and /dev trees ($UMOCKDEV_DIR), which every
-// process of a launcher run shares.
+// Unplugging a camera from inside a process of the run: the unplug fault, and the plug and
+// unplug entry points of talvoro_vcam.h.
 #ifndef TALVORO_VCAM_HOTPLUG_H
 #define TALVORO_VCAM_HOTPLUG_H
 
-#include "Scenario.h"
-
 namespace vcam {
 
-// Removes the camera's USB device with everything below it (its video4linux and hidraw
-// devices), the class, bus and device-number links to them, and its /dev entries, so that udev
-// scans no longer find it.
-void removeFromTestbed(const CameraSpec& camera);
+class Camera;
 
-// False once a process of this run has unplugged the camera.
-bool presentInTestbed(const CameraSpec& camera);
+// Unplugs the camera as its cable would be pulled: the launcher takes it out of the run (out of
+// sysfs and /dev, "remove" uevents, every process's nodes fail), then this process's
+// descriptors fail at once, whether or not the launcher could be reached.
+void unplugCamera(Camera& camera);
 
 }  // namespace vcam
 

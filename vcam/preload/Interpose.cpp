@@ -167,6 +167,7 @@ __attribute__((visibility("default"))) int ioctl(int fd, unsigned long request, 
     va_end(ap);
     if (mayBeOurs(fd)) {
         if (auto file = lookupFd(fd)) {
+            syncWorld();
             const int r = file->ioctl(request, arg);
             if (r < 0) {
                 errno = -r;
@@ -181,6 +182,7 @@ __attribute__((visibility("default"))) int ioctl(int fd, unsigned long request, 
 static void* doMmap(void* addr, size_t length, int prot, int flags, int fd, off_t offset) {
     if (!(flags & MAP_ANONYMOUS) && mayBeOurs(fd)) {
         if (auto file = lookupFd(fd)) {
+            syncWorld();
             int err = 0;
             void* p = file->mmap(addr, length, prot, flags, offset, &err);
             if (p == MAP_FAILED) errno = err;
@@ -202,14 +204,20 @@ __attribute__((visibility("default"))) void* mmap64(void* addr, size_t length, i
 
 __attribute__((visibility("default"))) ssize_t read(int fd, void* buf, size_t count) {
     if (mayBeOurs(fd)) {
-        if (auto file = lookupFd(fd)) return file->read(fd, buf, count);
+        if (auto file = lookupFd(fd)) {
+            syncWorld();
+            return file->read(fd, buf, count);
+        }
     }
     return libc::read(fd, buf, count);
 }
 
 __attribute__((visibility("default"))) ssize_t write(int fd, const void* buf, size_t count) {
     if (mayBeOurs(fd)) {
-        if (auto file = lookupFd(fd)) return file->write(fd, buf, count);
+        if (auto file = lookupFd(fd)) {
+            syncWorld();
+            return file->write(fd, buf, count);
+        }
     }
     return libc::write(fd, buf, count);
 }

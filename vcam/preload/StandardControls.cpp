@@ -15,8 +15,10 @@ const char* const kPowerLineMenu[] = {"Disabled", "50 Hz", "60 Hz"};
 // Shutter priority is not offered, as with most UVC cameras.
 const char* const kExposureMenu[] = {"Auto Mode", "Manual Mode", nullptr, "Aperture Priority Mode"};
 
-// Sorted by ID, which NEXT_CTRL enumeration relies on.
+// Sorted by ID, which NEXT_CTRL enumeration relies on. Each class's control comes first, as
+// uvcvideo lists it: no value, neither readable nor writable.
 const ControlInfo kControls[] = {
+    {V4L2_CID_USER_CLASS, "User Controls", nullptr, V4L2_CTRL_TYPE_CTRL_CLASS, 0, 0, 0, 0, nullptr},
     {V4L2_CID_BRIGHTNESS, "Brightness", "ctrl.brightness", V4L2_CTRL_TYPE_INTEGER, -64, 64, 1, 0,
      nullptr},
     {V4L2_CID_CONTRAST, "Contrast", "ctrl.contrast", V4L2_CTRL_TYPE_INTEGER, 0, 100, 1, 50,
@@ -33,6 +35,8 @@ const ControlInfo kControls[] = {
      "ctrl.white_balance_temperature", V4L2_CTRL_TYPE_INTEGER, 2800, 6500, 10, 4600, nullptr},
     {V4L2_CID_SHARPNESS, "Sharpness", "ctrl.sharpness", V4L2_CTRL_TYPE_INTEGER, 0, 7, 1, 3,
      nullptr},
+    {V4L2_CID_CAMERA_CLASS, "Camera Controls", nullptr, V4L2_CTRL_TYPE_CTRL_CLASS, 0, 0, 0, 0,
+     nullptr},
     {V4L2_CID_EXPOSURE_AUTO, "Auto Exposure", "ctrl.auto_exposure", V4L2_CTRL_TYPE_MENU, 0, 3, 1, 3,
      kExposureMenu},
     {V4L2_CID_EXPOSURE_ABSOLUTE, "Exposure Time, Absolute", "ctrl.exposure_time_absolute",
@@ -45,7 +49,7 @@ StandardControls::StandardControls(Firmware& firmware) : firmware_(firmware) {}
 
 void StandardControls::addDefaults(Settings& s) {
     for (const auto& c : kControls)
-        s[c.key] = c.defaultValue;
+        if (c.key) s[c.key] = c.defaultValue;
 }
 
 const ControlInfo* StandardControls::find(uint32_t id) {
@@ -61,10 +65,13 @@ const ControlInfo* StandardControls::next(uint32_t id) {
 }
 
 int32_t StandardControls::value(const ControlInfo& control) {
+    if (!control.key) return 0;
     return static_cast<int32_t>(firmware_.store().snapshot().at(control.key));
 }
 
 uint32_t StandardControls::flags(const ControlInfo& control) {
+    if (control.type == V4L2_CTRL_TYPE_CTRL_CLASS)
+        return V4L2_CTRL_FLAG_READ_ONLY | V4L2_CTRL_FLAG_WRITE_ONLY;
     if (control.id == V4L2_CID_WHITE_BALANCE_TEMPERATURE)
         return value(*find(V4L2_CID_AUTO_WHITE_BALANCE)) ? V4L2_CTRL_FLAG_INACTIVE : 0;
     if (control.id == V4L2_CID_EXPOSURE_ABSOLUTE)
@@ -75,6 +82,7 @@ uint32_t StandardControls::flags(const ControlInfo& control) {
 }
 
 int StandardControls::check(const ControlInfo& control, int32_t* value) {
+    if (control.type == V4L2_CTRL_TYPE_CTRL_CLASS) return -EACCES;
     // Values outside the range are refused rather than clamped, so a client sees the refusal.
     if (*value < control.minimum || *value > control.maximum) return -ERANGE;
     if (control.type == V4L2_CTRL_TYPE_MENU) {

@@ -1,5 +1,6 @@
 // The colour sensor's standard UVC controls as uvcvideo presents them: eleven V4L2 controls
-// with their ranges, defaults and menus, kept in the firmware store.
+// with their ranges, defaults and menus, kept in the firmware store, and the controls of their
+// two classes (user and camera).
 #ifndef TALVORO_VCAM_STANDARD_CONTROLS_H
 #define TALVORO_VCAM_STANDARD_CONTROLS_H
 
@@ -14,8 +15,8 @@ class Firmware;
 struct ControlInfo {
     uint32_t id;
     const char* name;  // V4L2's name
-    const char* key;   // name in the firmware store
-    uint32_t type;     // V4L2_CTRL_TYPE_INTEGER, _BOOLEAN or _MENU
+    const char* key;   // name in the firmware store (null for a class control)
+    uint32_t type;     // V4L2_CTRL_TYPE_INTEGER, _BOOLEAN, _MENU or _CTRL_CLASS
     int32_t minimum;
     int32_t maximum;
     int32_t step;
@@ -37,7 +38,8 @@ class StandardControls {
     int32_t value(const ControlInfo& control);
     // V4L2_CTRL_FLAG_INACTIVE while the control's automatic mode is on.
     uint32_t flags(const ControlInfo& control);
-    // Checks a value for the control and rounds it to the step: 0 or -ERANGE / -EINVAL.
+    // Checks a value for the control and rounds it to the step: 0 or -ERANGE / -EINVAL, or
+    // -EACCES for a class control.
     static int check(const ControlInfo& control, int32_t* value);
     // Stores a checked value.
     void set(const ControlInfo& control, int32_t value);

@@ -11,6 +11,7 @@
 #include "Camera.h"
 #include "Formats.h"
 #include "Hotplug.h"
+#include "SharedLocks.h"
 #include "VideoNode.h"
 
 namespace vcam {
@@ -18,187 +19,217 @@ namespace vcam {
 namespace {
 
 constexpr uint32_t kMaxBuffers = 32;  // VIDEO_MAX_FRAME
+constexpr uint32_t kBufferCapabilities =
+    V4L2_BUF_CAP_SUPPORTS_MMAP | V4L2_BUF_CAP_SUPPORTS_ORPHANED_BUFS;
 
-bool captureType(uint32_t type) {
-    return type == V4L2_BUF_TYPE_VIDEO_CAPTURE;
+// The fault's numeric argument, or `fallback` when it has none.
+long faultNumber(const FaultSpec& fault, long fallback) {
+    return fault.arg.empty() ? fallback : std::strtol(fault.arg.c_str(), nullptr, 10);
 }
 
 }  // namespace
 
 Stream::Stream(Camera& camera)
-    : camera_(camera), source_(camera.spec().replay), format_(formats::initial()) {
+    : camera_(camera),
+      source_(camera.spec()),
+      format_(formats::initial()),
+      capture_(V4L2_BUF_TYPE_VIDEO_CAPTURE, camera.locks, SharedLocks::kCaptureOwner),
+      metadata_(V4L2_BUF_TYPE_META_CAPTURE, camera.locks, SharedLocks::kMetadataOwner) {
     registerForFork(this);
 }
 
-void Stream::reloadFormat() {
-    std::lock_guard<std::mutex> control(controlMutex_);
+v4l2_pix_format Stream::format() {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (!pool_) formats::load(camera_.spec().serial, &format_);
+    // Another process of the run may have changed it; ours holds while our buffers exist.
+    if (!capture_.allocated()) formats::load(camera_.spec().stateName(), &format_);
+    return format_;
 }
 
-v4l2_pix_format Stream::format() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return format_;
+v4l2_pix_format Stream::tryFormat(const v4l2_pix_format& requested) const {
+    FaultSpec fault;
+    unsigned width = 0, height = 0;
+    if (camera_.findFault("format-size", &fault) &&
+        std::sscanf(fault.arg.c_str(), "%ux%u", &width, &height) == 2 && width && height) {
+        // A driver that answers with a size of its own, whatever was asked.
+        const v4l2_pix_format chosen = formats::negotiate(requested);
+        return formats::make(chosen.pixelformat, width, height);
+    }
+    return formats::negotiate(requested);
 }
 
 int Stream::setFormat(v4l2_pix_format* format) {
     std::lock_guard<std::mutex> control(controlMutex_);
-    const v4l2_pix_format chosen = formats::negotiate(*format);
+    SharedControlLock shared(camera_.locks);
+    const v4l2_pix_format chosen = tryFormat(*format);
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (pool_) return -EBUSY;
+        if (capture_.allocated() || capture_.ownedElsewhere()) return -EBUSY;
         format_ = chosen;
     }
     *format = chosen;
-    formats::save(camera_.spec().serial, chosen);
+    formats::save(camera_.spec().stateName(), chosen);
     return 0;
 }
 
-int Stream::checkOwner(const VideoOpenFile* file) const {
-    if (!owner_) return -EINVAL;  // no buffers
-    return owner_ == file ? 0 : -EBUSY;
-}
-
-void Stream::freeBuffers() {
-    queued_.clear();
-    done_.clear();
-    slots_.clear();
-    pool_.reset();
-}
-
-void Stream::returnAllBuffers() {
-    queued_.clear();
-    done_.clear();
-    for (Slot& s : slots_)
-        s.state = State::Dequeued;
+int Stream::checkMetadataFormatChange() {
+    std::lock_guard<std::mutex> control(controlMutex_);
+    std::lock_guard<std::mutex> lock(mutex_);
+    return metadata_.allocated() || metadata_.ownedElsewhere() ? -EBUSY : 0;
 }
 
 void Stream::updateReadiness() {
-    const bool want = owner_ && (unplugged() || !streaming_ || !done_.empty());
-    if (want == readable_) return;
-    owner_->setReadable(want);
-    readable_ = want;
+    capture_.updateReadiness(unplugged());
+    metadata_.updateReadiness(unplugged());
 }
 
-int Stream::requestBuffers(VideoOpenFile* file, v4l2_requestbuffers* request) {
-    if (!captureType(request->type) || request->memory != V4L2_MEMORY_MMAP) return -EINVAL;
+int Stream::requestBuffers(Queue which, VideoOpenFile* file, v4l2_requestbuffers* request) {
+    BufferQueue& q = queue(which);
+    if (request->type != q.type() || request->memory != V4L2_MEMORY_MMAP) return -EINVAL;
     std::lock_guard<std::mutex> control(controlMutex_);
+    SharedControlLock shared(camera_.locks);
     std::lock_guard<std::mutex> lock(mutex_);
-    if ((owner_ && owner_ != file) || streaming_) return -EBUSY;
-    request->capabilities = V4L2_BUF_CAP_SUPPORTS_MMAP | V4L2_BUF_CAP_SUPPORTS_ORPHANED_BUFS;
+    if ((q.owner() && q.owner() != file) || q.streaming()) return -EBUSY;
+    request->capabilities = kBufferCapabilities;
     request->flags = 0;
     std::memset(request->reserved, 0, sizeof request->reserved);
-    freeBuffers();
-    if (owner_ && readable_) owner_->setReadable(false);
-    readable_ = false;
-    owner_ = nullptr;
-    if (request->count == 0) return 0;
+    if (request->count == 0) {
+        q.free();
+        return 0;
+    }
+    if (!q.owner() && q.ownedElsewhere()) return -EBUSY;
+    q.free(true);
 
     uint32_t granted = std::clamp<uint32_t>(request->count, 1, kMaxBuffers);
     FaultSpec fault;
-    if (faultActive("reqbufs", &fault)) {
-        const long n = std::strtol(fault.arg.c_str(), nullptr, 10);
+    if (which == Queue::Capture && faultActive("reqbufs", &fault)) {
+        const long n = faultNumber(fault, 0);
         if (n >= 1 && n <= static_cast<long>(kMaxBuffers)) granted = static_cast<uint32_t>(n);
     }
-    int err = 0;
-    pool_ = BufferPool::create(granted, format_.sizeimage, &err);
-    if (!pool_) {
+    // The format another process may have left.
+    if (which == Queue::Capture) formats::load(camera_.spec().stateName(), &format_);
+    const uint32_t length =
+        which == Queue::Capture ? format_.sizeimage : formats::kMetadataBufferSize;
+    if (const int rc = q.allocate(file, granted, length)) {
         request->count = 0;
-        return -err;
+        return rc;
     }
-    slots_.assign(granted, Slot{});
-    owner_ = file;
     request->count = granted;
     updateReadiness();
     return 0;
 }
 
-void Stream::fillV4l2Buffer(uint32_t index, v4l2_buffer* buffer) const {
-    const Slot& s = slots_[index];
-    std::memset(buffer, 0, sizeof *buffer);
-    buffer->index = index;
-    buffer->type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    buffer->bytesused = s.bytesused;
-    buffer->flags = s.flags | V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_SOE;
-    if (s.state == State::Queued || s.state == State::Filling)
-        buffer->flags |= V4L2_BUF_FLAG_QUEUED;
-    if (s.state == State::Done) buffer->flags |= V4L2_BUF_FLAG_DONE;
-    buffer->field = V4L2_FIELD_NONE;
-    buffer->timestamp = s.timestamp;
-    buffer->sequence = s.sequence;
-    buffer->memory = V4L2_MEMORY_MMAP;
-    buffer->m.offset = pool_->offset(index);
-    buffer->length = pool_->length();
-}
-
-int Stream::queryBuffer(v4l2_buffer* buffer) {
-    if (!captureType(buffer->type)) return -EINVAL;
+int Stream::createBuffers(Queue which, VideoOpenFile* file, v4l2_create_buffers* create) {
+    BufferQueue& q = queue(which);
+    std::lock_guard<std::mutex> control(controlMutex_);
+    SharedControlLock shared(camera_.locks);
     std::lock_guard<std::mutex> lock(mutex_);
-    if (!pool_ || buffer->index >= pool_->count()) return -EINVAL;
-    fillV4l2Buffer(buffer->index, buffer);
-    return 0;
-}
-
-int Stream::queueBuffer(VideoOpenFile* file, v4l2_buffer* buffer) {
-    if (!captureType(buffer->type) || buffer->memory != V4L2_MEMORY_MMAP) return -EINVAL;
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (const int rc = checkOwner(file)) return rc;
-    if (buffer->index >= pool_->count() || slots_[buffer->index].state != State::Dequeued)
-        return -EINVAL;
-    Slot& s = slots_[buffer->index];
-    s.state = State::Queued;
-    s.flags = 0;
-    queued_.push_back(buffer->index);
-    fillV4l2Buffer(buffer->index, buffer);
-    return 0;
-}
-
-int Stream::dequeueBuffer(VideoOpenFile* file, v4l2_buffer* buffer, bool nonBlocking) {
-    if (!captureType(buffer->type) || buffer->memory != V4L2_MEMORY_MMAP) return -EINVAL;
-    std::unique_lock<std::mutex> lock(mutex_);
-    for (;;) {
-        if (unplugged()) return -ENODEV;
-        if (const int rc = checkOwner(file)) return rc;
-        if (!streaming_) return -EINVAL;
-        if (!done_.empty()) break;
-        if (nonBlocking) return -EAGAIN;
-        cond_.wait(lock);
-    }
-    const uint32_t index = done_.front();
-    done_.pop_front();
-    slots_[index].state = State::Dequeued;
-    fillV4l2Buffer(index, buffer);
-    ++dequeued_;
+    create->capabilities = kBufferCapabilities;
+    create->flags = 0;
+    std::memset(create->reserved, 0, sizeof create->reserved);
+    create->index = q.count();
+    const bool valid = create->memory == V4L2_MEMORY_MMAP && create->format.type == q.type();
+    // A count of 0 only asks whether such buffers could be made.
+    if (!valid) return -EINVAL;
+    if (create->count == 0) return 0;
+    if ((q.owner() && q.owner() != file) || (!q.owner() && q.ownedElsewhere())) return -EBUSY;
+    if (which == Queue::Capture && !q.allocated())
+        formats::load(camera_.spec().stateName(), &format_);
+    // uvcvideo takes any size that holds a frame of the current format.
+    const uint32_t needed =
+        which == Queue::Capture ? format_.sizeimage : formats::kMetadataBufferSize;
+    const uint32_t asked = which == Queue::Capture ? create->format.fmt.pix.sizeimage
+                                                   : create->format.fmt.meta.buffersize;
+    if (asked == 0 || asked < needed) return -EINVAL;
+    if (q.count() >= kMaxBuffers) return -ENOBUFS;
+    const uint32_t count = std::min(create->count, kMaxBuffers - q.count());
+    if (const int rc = q.add(file, count, asked)) return rc;
+    create->count = count;
     updateReadiness();
     return 0;
 }
 
-int Stream::streamOn(VideoOpenFile* file, uint32_t type) {
-    if (!captureType(type)) return -EINVAL;
+void Stream::applyBufferFaults(v4l2_buffer* buffer, bool dequeued) const {
+    if (buffer->type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return;
+    if (faultActive("zero-length")) buffer->length = 0;
+    if (!dequeued) return;
+    FaultSpec fault;
+    if (faultActive("long", &fault)) {
+        const long extra = std::max(1L, faultNumber(fault, static_cast<long>(buffer->length)));
+        buffer->bytesused = buffer->length + static_cast<uint32_t>(extra);
+    }
+    if (faultActive("bad-index", &fault))
+        buffer->index = static_cast<uint32_t>(faultNumber(fault, capture_.count()));
+}
+
+int Stream::queryBuffer(Queue which, v4l2_buffer* buffer) {
+    BufferQueue& q = queue(which);
+    if (buffer->type != q.type()) return -EINVAL;
+    std::lock_guard<std::mutex> lock(mutex_);
+    const int rc = q.query(buffer->index, buffer);
+    if (rc == 0) applyBufferFaults(buffer, false);
+    return rc;
+}
+
+int Stream::queueBuffer(Queue which, VideoOpenFile* file, v4l2_buffer* buffer) {
+    BufferQueue& q = queue(which);
+    if (buffer->type != q.type() || buffer->memory != V4L2_MEMORY_MMAP) return -EINVAL;
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (const int rc = q.checkOwner(file)) return rc;
+    const int rc = q.queue(buffer->index, buffer);
+    if (rc == 0) applyBufferFaults(buffer, false);
+    return rc;
+}
+
+int Stream::dequeueBuffer(Queue which, VideoOpenFile* file, v4l2_buffer* buffer, bool nonBlocking) {
+    BufferQueue& q = queue(which);
+    if (buffer->type != q.type() || buffer->memory != V4L2_MEMORY_MMAP) return -EINVAL;
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+        if (unplugged()) return -ENODEV;
+        if (const int rc = q.checkOwner(file)) return rc;
+        if (!q.streaming()) return -EINVAL;
+        if (q.takeDone(buffer)) break;
+        if (nonBlocking) return -EAGAIN;
+        cond_.wait(lock);
+    }
+    if (which == Queue::Capture) ++dequeued_;
+    applyBufferFaults(buffer, true);
+    updateReadiness();
+    return 0;
+}
+
+int Stream::streamOn(Queue which, VideoOpenFile* file, uint32_t type) {
+    BufferQueue& q = queue(which);
+    if (type != q.type()) return -EINVAL;
     std::lock_guard<std::mutex> control(controlMutex_);
     std::unique_lock<std::mutex> lock(mutex_);
-    if (const int rc = checkOwner(file)) return rc;
-    if (streaming_) return 0;
-    streaming_ = true;
-    stopRequested_ = false;
-    sequence_ = 0;
-    // The pacing thread takes no signals: they belong to the application's threads.
-    sigset_t all, old;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &old);
-    const int rc = pthread_create(&engine_, nullptr, engineMain, this);
-    pthread_sigmask(SIG_SETMASK, &old, nullptr);
-    if (rc != 0) {
-        streaming_ = false;
-        return -ENOMEM;
+    if (const int rc = q.checkOwner(file)) return rc;
+    if (q.streaming()) return 0;
+    if (which == Queue::Capture) {
+        // Rendering a new mode takes a moment, as a real camera takes a moment to start; the
+        // camera's clock starts after it, and a STREAMOFF never waits for it.
+        const FrameRequest first = currentRequest(elapsed_.load());
+        lock.unlock();
+        source_.prepare(first);
+        lock.lock();
     }
-    engineRunning_ = true;
+    if (!engineRunning_) {
+        // The pacing thread takes no signals: they belong to the application's threads.
+        sigset_t all, old;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &old);
+        stopRequested_ = false;
+        const int rc = pthread_create(&engine_, nullptr, engineMain, this);
+        pthread_sigmask(SIG_SETMASK, &old, nullptr);
+        if (rc != 0) return -ENOMEM;
+        engineRunning_ = true;
+    }
+    q.setStreaming(true);
     updateReadiness();
     return 0;
 }
 
 void Stream::stopEngine(std::unique_lock<std::mutex>& lock) {
-    streaming_ = false;
     stopRequested_ = true;
     cond_.notifyAll();
     if (engineRunning_) {
@@ -211,36 +242,43 @@ void Stream::stopEngine(std::unique_lock<std::mutex>& lock) {
     stopRequested_ = false;
 }
 
-int Stream::streamOff(VideoOpenFile* file, uint32_t type) {
-    if (!captureType(type)) return -EINVAL;
+void Stream::stopQueue(BufferQueue& q, std::unique_lock<std::mutex>& lock) {
+    q.setStreaming(false);
+    if (!capture_.streaming() && !metadata_.streaming()) stopEngine(lock);
+    // The engine writes outside the lock: its buffer is back only when it has finished.
+    while (q.filling())
+        cond_.wait(lock);
+    q.returnAll();
+}
+
+int Stream::streamOff(Queue which, VideoOpenFile* file, uint32_t type) {
+    BufferQueue& q = queue(which);
+    if (type != q.type()) return -EINVAL;
     std::lock_guard<std::mutex> control(controlMutex_);
     std::unique_lock<std::mutex> lock(mutex_);
-    if (!owner_) return 0;
-    if (owner_ != file) return -EBUSY;
-    stopEngine(lock);
-    returnAllBuffers();
+    if (!q.owner()) return q.ownedElsewhere() ? -EBUSY : 0;
+    if (q.owner() != file) return -EBUSY;
+    stopQueue(q, lock);
     updateReadiness();
     cond_.notifyAll();  // blocked dequeuers return EINVAL
     return 0;
 }
 
-void* Stream::map(void* addr, std::size_t length, int prot, int flags, off_t offset, int* err) {
+void* Stream::map(Queue which, void* addr, std::size_t length, int prot, int flags, off_t offset,
+                  int* err) {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (!pool_) {
-        *err = EINVAL;
-        return MAP_FAILED;
-    }
-    return pool_->map(addr, length, prot, flags, offset, err);
+    return queue(which).map(addr, length, prot, flags, offset, err);
 }
 
 void Stream::release(VideoOpenFile* file) {
     std::lock_guard<std::mutex> control(controlMutex_);
     std::unique_lock<std::mutex> lock(mutex_);
-    if (owner_ != file) return;
-    stopEngine(lock);
-    freeBuffers();
-    owner_ = nullptr;  // its descriptor is closing: no readiness byte to take back
-    readable_ = false;
+    for (BufferQueue* q : {&capture_, &metadata_}) {
+        if (q->owner() != file) continue;
+        stopQueue(*q, lock);
+        q->forgetOwner();  // its descriptor is closing: no readiness byte to take back
+        q->free();
+    }
     cond_.notifyAll();
 }
 
@@ -248,11 +286,7 @@ bool Stream::unplugged() const {
     return camera_.state.unplugged.load();
 }
 
-void Stream::unplug() {
-    if (unplugging_.exchange(true)) return;
-    // Out of sysfs and /dev first: whoever sees the stream fail finds no device either.
-    removeFromTestbed(camera_.spec());
-    camera_.state.unplugged = true;
+void Stream::wakeUnplugged() {
     std::lock_guard<std::mutex> lock(mutex_);
     updateReadiness();
     cond_.notifyAll();
@@ -279,7 +313,8 @@ bool Stream::faultAt(const char* name, uint64_t frame, FaultSpec* fault) const {
 }
 
 void Stream::faultAdded(const FaultSpec& fault) {
-    if (fault.name == "unplug" && elapsed_.load() >= static_cast<uint64_t>(fault.atFrame)) unplug();
+    if (fault.name == "unplug" && elapsed_.load() >= static_cast<uint64_t>(fault.atFrame))
+        unplugCamera(camera_);
 }
 
 const rec::RecordingReader* replayRecording(const Camera& camera) {

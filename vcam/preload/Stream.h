@@ -1,6 +1,6 @@
-// The capture queue of one camera, shared by every open of its capture node as a videobuf2
-// queue is: one open file at a time owns the buffers (the streamer), and while it streams a
-// pacing thread fills queued buffers at the camera's frame rate.
+// A camera's streaming side: the capture node's queue and the metadata node's, each shared by
+// every open of its node as a videobuf2 queue is, and a pacing thread that fills queued
+// buffers at the camera's frame rate while either streams.
 #ifndef TALVORO_VCAM_STREAM_H
 #define TALVORO_VCAM_STREAM_H
 
@@ -11,12 +11,10 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
-#include <vector>
 
-#include "BufferPool.h"
+#include "BufferQueue.h"
 #include "FrameSource.h"
 #include "MonotonicCond.h"
 #include "Scenario.h"
@@ -35,31 +33,39 @@ struct FrameCounters {
 
 class Stream {
   public:
+    // Which node's queue a buffer ioctl addresses.
+    enum class Queue { Capture, Metadata };
+
     explicit Stream(Camera& camera);
     ~Stream();
     Stream(const Stream&) = delete;
     Stream& operator=(const Stream&) = delete;
 
-    // Takes over the format another process of the run left, unless buffers exist here.
-    void reloadFormat();
-    v4l2_pix_format format() const;
-    // VIDIOC_S_FMT: negotiates and keeps the format; EBUSY while buffers exist.
+    // The capture format: the one another process of the run left, unless buffers exist here.
+    v4l2_pix_format format();
+    // VIDIOC_TRY_FMT: the format the camera would choose for `requested`.
+    v4l2_pix_format tryFormat(const v4l2_pix_format& requested) const;
+    // VIDIOC_S_FMT: negotiates and keeps the format; EBUSY while buffers exist in any process.
     int setFormat(v4l2_pix_format* format);
+    // VIDIOC_S_FMT on the metadata node: EBUSY while its buffers exist.
+    int checkMetadataFormatChange();
 
-    // The buffer ioctls, as uvcvideo answers them; 0 or -errno.
-    int requestBuffers(VideoOpenFile* file, v4l2_requestbuffers* request);
-    int queryBuffer(v4l2_buffer* buffer);
-    int queueBuffer(VideoOpenFile* file, v4l2_buffer* buffer);
-    int dequeueBuffer(VideoOpenFile* file, v4l2_buffer* buffer, bool nonBlocking);
-    int streamOn(VideoOpenFile* file, uint32_t type);
-    int streamOff(VideoOpenFile* file, uint32_t type);
-    void* map(void* addr, std::size_t length, int prot, int flags, off_t offset, int* err);
+    // The buffer ioctls, as the node's driver answers them; 0 or -errno.
+    int requestBuffers(Queue which, VideoOpenFile* file, v4l2_requestbuffers* request);
+    int createBuffers(Queue which, VideoOpenFile* file, v4l2_create_buffers* create);
+    int queryBuffer(Queue which, v4l2_buffer* buffer);
+    int queueBuffer(Queue which, VideoOpenFile* file, v4l2_buffer* buffer);
+    int dequeueBuffer(Queue which, VideoOpenFile* file, v4l2_buffer* buffer, bool nonBlocking);
+    int streamOn(Queue which, VideoOpenFile* file, uint32_t type);
+    int streamOff(Queue which, VideoOpenFile* file, uint32_t type);
+    void* map(Queue which, void* addr, std::size_t length, int prot, int flags, off_t offset,
+              int* err);
     // The last descriptor of an open file was closed: stop and free what it owned.
     void release(VideoOpenFile* file);
 
-    // Unplugs the camera: every waiter wakes, dequeueing fails with ENODEV from now on, the
-    // camera's nodes refuse to open and its sysfs entries disappear. Idempotent.
-    void unplug();
+    // The camera was unplugged: every waiter wakes (dequeueing fails with ENODEV from now on)
+    // and the streamer's descriptor turns readable.
+    void wakeUnplugged();
     bool unplugged() const;
 
     FrameCounters counters() const;
@@ -72,58 +78,46 @@ class Stream {
     FrameSource& source() { return source_; }
 
   private:
-    enum class State { Dequeued, Queued, Filling, Done };
-    struct Slot {
-        State state = State::Dequeued;
-        uint32_t bytesused = 0;
-        uint32_t flags = 0;
-        uint32_t sequence = 0;
-        timeval timestamp{};
-    };
+    BufferQueue& queue(Queue which) { return which == Queue::Capture ? capture_ : metadata_; }
+    // Lies the camera tells about a buffer (the lying-driver faults).
+    void applyBufferFaults(v4l2_buffer* buffer, bool dequeued) const;
 
     // StreamEngine.cpp: the pacing thread and what it does per frame time.
     static void* engineMain(void* self);
     void run();
     void pace();
     void tick(std::unique_lock<std::mutex>& lock, uint64_t deadlineNs);
-    void fillSlot(uint32_t index, const FrameRequest& request, uint64_t deadlineNs);
+    // Fills the capture buffer of one frame time; false when none was (dropped or stalled).
+    bool tickCapture(std::unique_lock<std::mutex>& lock, uint64_t index, uint32_t sequence,
+                     uint64_t deadlineNs);
+    void tickMetadata(uint32_t sequence, uint64_t deadlineNs);
     FrameRequest currentRequest(uint64_t index) const;
     void stopEngine(std::unique_lock<std::mutex>& lock);
+    // Stops a queue: waits for a buffer the engine is writing, gives every buffer back, and
+    // stops the engine when no queue streams any more.
+    void stopQueue(BufferQueue& q, std::unique_lock<std::mutex>& lock);
+    void updateReadiness();
     static void registerForFork(Stream* stream);
     static void prepareFork();
     static void parentAfterFork();
     static void childAfterFork();
 
-    int checkOwner(const VideoOpenFile* file) const;
-    void freeBuffers();
-    void returnAllBuffers();
-    void fillV4l2Buffer(uint32_t index, v4l2_buffer* buffer) const;
-    // Mirrors the queue state on the streamer's descriptor: readable while a buffer is done,
-    // while not streaming (poll reports an error, as videobuf2 does) and once unplugged.
-    void updateReadiness();
-
     Camera& camera_;
     FrameSource source_;
-    // controlMutex_ serialises the ioctls that change the queue's configuration (videobuf2's
-    // queue lock); mutex_ guards the queue itself and is never held while waiting for a thread.
+    // controlMutex_ serialises the ioctls that change the queues' configuration (videobuf2's
+    // queue lock), in this process; the camera's shared control lock does so across processes.
+    // mutex_ guards the queues and is never held while waiting for a thread.
     std::mutex controlMutex_;
     mutable std::mutex mutex_;
     MonotonicCond cond_;
 
     v4l2_pix_format format_;
-    std::unique_ptr<BufferPool> pool_;
-    std::vector<Slot> slots_;
-    std::deque<uint32_t> queued_;
-    std::deque<uint32_t> done_;
-    VideoOpenFile* owner_ = nullptr;  // identity only; release() clears it
-    bool readable_ = false;           // the owner's descriptor carries a readiness byte
-    bool streaming_ = false;
+    BufferQueue capture_;
+    BufferQueue metadata_;
     bool stopRequested_ = false;
     bool engineRunning_ = false;
     pthread_t engine_{};
-    uint32_t sequence_ = 0;
     std::atomic<uint64_t> produced_{0}, dequeued_{0}, dropped_{0}, elapsed_{0};
-    std::atomic<bool> unplugging_{false};
     Stream* nextForFork_ = nullptr;
 };
 

@@ -1,13 +1,18 @@
-// The pacing thread of a streaming camera, and what keeps the queue sane across fork().
+// The pacing thread of a streaming camera, and what keeps the queues sane across fork().
 #include <signal.h>
+
+#include <linux/usb/video.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 
 #include "Camera.h"
+#include "Hotplug.h"
 #include "RawLayout.h"
 #include "Stream.h"
 #include "VideoNode.h"
+#include "World.h"
 
 namespace vcam {
 
@@ -65,14 +70,6 @@ void Stream::run() {
 }
 
 void Stream::pace() {
-    FrameRequest first;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        first = currentRequest(elapsed_.load());
-    }
-    // Rendering a new mode takes a moment; the camera's clock starts after it.
-    source_.prepare(first);
-
     const uint64_t period = static_cast<uint64_t>(1e9 / camera_.spec().fps);
     std::unique_lock<std::mutex> lock(mutex_);
     uint64_t deadline = monotonicNs() + period;
@@ -84,37 +81,62 @@ void Stream::pace() {
         // Held up (the process was stopped, or the machine is overloaded): carry on from now
         // rather than deliver a burst of late frames.
         if (now - deadline > 4 * period) deadline = now;
+        // Another process of the run may have unplugged the camera: a waiter here must wake.
+        lock.unlock();
+        syncWorld();
+        lock.lock();
+        if (stopRequested_ || unplugged()) break;
         tick(lock, deadline);
         deadline += period;
     }
 }
 
 void Stream::tick(std::unique_lock<std::mutex>& lock, uint64_t deadlineNs) {
-    const uint64_t index = elapsed_.fetch_add(1);
-    if (faultAt("unplug", index)) {
-        lock.unlock();
-        unplug();
-        lock.lock();
-        return;
+    uint32_t sequence;
+    if (capture_.streaming()) {
+        const uint64_t index = elapsed_.fetch_add(1);
+        if (faultAt("unplug", index)) {
+            lock.unlock();
+            unplugCamera(camera_);
+            lock.lock();
+            return;
+        }
+        if (faultAt("stall", index)) return;
+        sequence = capture_.nextSequence();
+        // uvcvideo fills a metadata buffer only together with a video buffer.
+        if (!tickCapture(lock, index, sequence, deadlineNs)) return;
+    } else {
+        sequence = metadata_.nextSequence();
     }
-    if (faultAt("stall", index)) return;
-    const uint32_t sequence = sequence_++;
-    if (queued_.empty()) {
-        ++dropped_;
-        return;
-    }
-    const uint32_t slot = queued_.front();
-    queued_.pop_front();
-    slots_[slot].state = State::Filling;
-    const FrameRequest request = currentRequest(index);
-    uint8_t* data = pool_->data(slot);
-    const std::size_t capacity = pool_->length();
+    if (metadata_.streaming()) tickMetadata(sequence, deadlineNs);
+    updateReadiness();
+    cond_.notifyAll();
+}
 
-    // The buffer is ours while Filling: nothing frees the pool before the engine is joined.
+bool Stream::tickCapture(std::unique_lock<std::mutex>& lock, uint64_t index, uint32_t sequence,
+                         uint64_t deadlineNs) {
+    uint32_t slot;
+    uint8_t* data;
+    std::size_t capacity;
+    if (!capture_.takeQueued(&slot, &data, &capacity)) {
+        ++dropped_;
+        return false;
+    }
+    const FrameRequest request = currentRequest(index);
+
+    // The buffer is ours while it is being filled: the queue waits for it before it lets go.
     lock.unlock();
-    const std::size_t size = source_.fill(request, data, capacity);
+    std::size_t size;
+    try {
+        size = source_.fill(request, data, capacity);
+    } catch (...) {
+        lock.lock();
+        capture_.abandonFill(slot);
+        cond_.notifyAll();
+        throw;
+    }
     uint32_t bytesused = static_cast<uint32_t>(std::min(size, capacity));
-    uint32_t flags = size > capacity ? V4L2_BUF_FLAG_ERROR : 0;  // uvcvideo: frame overflow
+    const uint32_t flags = size > capacity ? V4L2_BUF_FLAG_ERROR : 0;  // uvcvideo: overflow
     const ContentSpec content = contentFor(request);
     if ((content.content == Content::MultiplexedVga || content.content == Content::MultiplexedHd) &&
         faultAt("malformed", index))
@@ -130,17 +152,36 @@ void Stream::tick(std::unique_lock<std::mutex>& lock, uint64_t deadlineNs) {
     }
     lock.lock();
 
-    Slot& s = slots_[slot];
-    s.state = State::Done;
-    s.bytesused = bytesused;
-    s.flags = flags;
-    s.sequence = sequence;
-    s.timestamp.tv_sec = static_cast<time_t>(deadlineNs / 1000000000u);
-    s.timestamp.tv_usec = static_cast<suseconds_t>(deadlineNs % 1000000000u / 1000u);
-    done_.push_back(slot);
+    if (!capture_.finishFill(slot, bytesused, flags, sequence, deadlineNs)) return false;
     ++produced_;
-    updateReadiness();
-    cond_.notifyAll();
+    return true;
+}
+
+// One UVC payload header per frame, as uvcvideo stores it (struct uvc_meta_buf): the frame's
+// time, the USB frame number, and the header with presentation time and source clock of a
+// 1 MHz device clock.
+void Stream::tickMetadata(uint32_t sequence, uint64_t deadlineNs) {
+    uint32_t slot;
+    uint8_t* data;
+    std::size_t capacity;
+    if (!metadata_.takeQueued(&slot, &data, &capacity)) return;
+    constexpr std::size_t kHeaderLength = 12;  // bHeaderLength: with PTS and SCR
+    uint8_t block[sizeof(uint64_t) + sizeof(uint16_t) + kHeaderLength] = {};
+    const uint64_t ns = deadlineNs;
+    const uint16_t sof = static_cast<uint16_t>(deadlineNs / 1000000u % 2048u);
+    const uint32_t pts = static_cast<uint32_t>(deadlineNs / 1000u);
+    const uint32_t stc = pts + 1000;  // the header leaves the camera a millisecond later
+    std::memcpy(block, &ns, sizeof ns);
+    std::memcpy(block + 8, &sof, sizeof sof);
+    block[10] = kHeaderLength;
+    block[11] = UVC_STREAM_EOH | UVC_STREAM_SCR | UVC_STREAM_PTS | UVC_STREAM_EOF |
+                (sequence & 1 ? UVC_STREAM_FID : 0);
+    std::memcpy(block + 12, &pts, sizeof pts);
+    std::memcpy(block + 16, &stc, sizeof stc);
+    std::memcpy(block + 20, &sof, sizeof sof);
+    const std::size_t size = std::min(sizeof block, capacity);
+    std::memcpy(data, block, size);
+    metadata_.finishFill(slot, static_cast<uint32_t>(size), 0, sequence, deadlineNs);
 }
 
 void Stream::registerForFork(Stream* stream) {
@@ -161,11 +202,11 @@ void Stream::prepareFork() {
         s->controlMutex_.lock();
         s->mutex_.lock();
     }
-    lockSyntheticFramesForFork();
+    scene::LiveScene::lockForFork();
 }
 
 void Stream::parentAfterFork() {
-    unlockSyntheticFramesAfterFork();
+    scene::LiveScene::unlockAfterFork();
     for (Stream* s = g_streams; s; s = s->nextForFork_) {
         s->mutex_.unlock();
         s->controlMutex_.unlock();
@@ -176,12 +217,13 @@ void Stream::parentAfterFork() {
 // The child has no pacing thread: its streams stand stopped, buffers back with the application,
 // and it may stream again on its own.
 void Stream::childAfterFork() {
-    unlockSyntheticFramesAfterFork();
+    scene::LiveScene::unlockAfterFork();
     for (Stream* s = g_streams; s; s = s->nextForFork_) {
         s->engineRunning_ = false;
-        s->streaming_ = false;
         s->stopRequested_ = false;
-        s->returnAllBuffers();
+        s->capture_.resetAfterFork();
+        s->metadata_.resetAfterFork();
+        s->camera_.locks.forgetAfterFork();
         s->mutex_.unlock();
         s->controlMutex_.unlock();
     }

@@ -1,12 +1,14 @@
-// The synthetic scene as raw frames, rendered once per kind of content and depth range and
-// shared by every camera of the process: per frame the stream only copies one of a few noisy
-// variants.
+// The synthetic scene as one camera sends it: the moving room rendered at each frame's time
+// (t = frame number / frame rate), with sensor noise that follows from the camera's seed and the
+// frame's number, so that the same seed gives the same frames.
 #ifndef TALVORO_VCAM_SYNTHETIC_FRAMES_H
 #define TALVORO_VCAM_SYNTHETIC_FRAMES_H
 
 #include <cstdint>
-#include <memory>
 #include <vector>
+
+#include "LiveScene.h"
+#include "RawLayout.h"
 
 namespace vcam {
 
@@ -32,16 +34,24 @@ struct ContentSpec {
     }
 };
 
-struct FrameSet {
-    std::vector<std::vector<uint8_t>> variants;  // same content, different sensor noise
+class SyntheticFrames {
+  public:
+    // `still`: the ball and the door stay at rest.
+    SyntheticFrames(uint32_t seed, bool still, double fps);
+
+    // Renders the still room for `spec` ahead of the first frame (once per process).
+    static void prepare(const ContentSpec& spec);
+    // Frame number `index` in `spec`'s content; valid until the next call.
+    const std::vector<uint8_t>& frame(const ContentSpec& spec, uint64_t index);
+
+  private:
+    const uint32_t seed_;
+    const bool still_;
+    const double fps_;
+    scene::LiveScene scene_;
+    raw::TofCodes codes_;
+    std::vector<uint8_t> frame_;
 };
-
-// Renders on first use (tens to hundreds of milliseconds), then returns the cached frames.
-std::shared_ptr<const FrameSet> syntheticFrames(const ContentSpec& spec);
-
-// Held across fork() so that a child never inherits the cache locked by a rendering thread.
-void lockSyntheticFramesForFork();
-void unlockSyntheticFramesAfterFork();
 
 }  // namespace vcam
 

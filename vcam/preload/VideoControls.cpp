@@ -25,10 +25,11 @@ void copyName(void* dst, std::size_t size, const char* src) {
     std::memcpy(dst, src, std::min(size - 1, std::strlen(src)));
 }
 
-// The control a QUERYCTRL-style request names, following NEXT_CTRL.
+// The control a QUERYCTRL-style request names: the next one after the ID with NEXT_CTRL, else
+// that very ID (NEXT_COMPOUND alone finds nothing: the camera has no compound controls).
 const ControlInfo* queried(uint32_t id) {
-    if (id & kNextFlags) return StandardControls::next(id & ~kNextFlags);
-    return StandardControls::find(id);
+    if (id & V4L2_CTRL_FLAG_NEXT_CTRL) return StandardControls::next(id & ~kNextFlags);
+    return StandardControls::find(id & ~kNextFlags);
 }
 
 // VIDIOC_QUERYCTRL and VIDIOC_QUERY_EXT_CTRL: their records share these fields.
@@ -64,16 +65,25 @@ int queryMenu(v4l2_querymenu* m) {
     return 0;
 }
 
+// A class control has no value: reading or writing it is refused.
+const ControlInfo* accessible(uint32_t id, int* err) {
+    const ControlInfo* c = StandardControls::find(id);
+    *err = !c ? -EINVAL : c->type == V4L2_CTRL_TYPE_CTRL_CLASS ? -EACCES : 0;
+    return *err ? nullptr : c;
+}
+
 int getCtrl(StandardControls& controls, v4l2_control* ctrl) {
-    const ControlInfo* c = StandardControls::find(ctrl->id);
-    if (!c) return -EINVAL;
+    int err;
+    const ControlInfo* c = accessible(ctrl->id, &err);
+    if (!c) return err;
     ctrl->value = controls.value(*c);
     return 0;
 }
 
 int setCtrl(StandardControls& controls, v4l2_control* ctrl) {
-    const ControlInfo* c = StandardControls::find(ctrl->id);
-    if (!c) return -EINVAL;
+    int err;
+    const ControlInfo* c = accessible(ctrl->id, &err);
+    if (!c) return err;
     int32_t value = ctrl->value;
     if (const int r = StandardControls::check(*c, &value)) return r;
     controls.set(*c, value);
@@ -81,33 +91,36 @@ int setCtrl(StandardControls& controls, v4l2_control* ctrl) {
     return 0;
 }
 
-// G/S/TRY_EXT_CTRLS with uvcvideo's error_idx conventions.
+// G/S/TRY_EXT_CTRLS as the V4L2 core and uvcvideo check them: a failure found before any
+// control is touched reports error_idx = count, except for TRY, which names the control.
 int extCtrls(StandardControls& controls, unsigned long request, v4l2_ext_controls* ext) {
-    if (ext->count && !ext->controls) return -EFAULT;
-    if (ext->count > V4L2_CID_MAX_CTRLS) return -ENOMEM;
+    const bool get = request == VIDIOC_G_EXT_CTRLS;
+    const bool tryOnly = request == VIDIOC_TRY_EXT_CTRLS;
     const bool defaults = ext->which == V4L2_CTRL_WHICH_DEF_VAL;
-    const bool classWhich = ext->which != V4L2_CTRL_WHICH_CUR_VAL && !defaults;
-    if (ext->which == V4L2_CTRL_WHICH_REQUEST_VAL) return -EINVAL;
-    if (defaults && request != VIDIOC_G_EXT_CTRLS) return -EINVAL;
-    const uint32_t setError = request == VIDIOC_S_EXT_CTRLS ? ext->count : 0;
-
+    const auto refuse = [&](uint32_t index, int err) {
+        ext->error_idx = tryOnly ? index : ext->count;
+        return err;
+    };
+    if (ext->which == V4L2_CTRL_WHICH_REQUEST_VAL || (defaults && !get))
+        return refuse(ext->count, -EINVAL);
+    if (ext->which != V4L2_CTRL_WHICH_CUR_VAL && !defaults) {
+        for (uint32_t i = 0; i < ext->count; ++i)
+            if (V4L2_CTRL_ID2WHICH(ext->controls[i].id) != ext->which) return refuse(i, -EINVAL);
+    }
+    for (uint32_t i = 0; i < ext->count; ++i) {
+        int err;
+        if (!accessible(ext->controls[i].id, &err)) return refuse(i, err);
+    }
     for (uint32_t i = 0; i < ext->count; ++i) {
         v4l2_ext_control& ctrl = ext->controls[i];
         const ControlInfo* c = StandardControls::find(ctrl.id);
-        if (!c || (classWhich && V4L2_CTRL_ID2WHICH(ctrl.id) != ext->which)) {
-            ext->error_idx = request == VIDIOC_S_EXT_CTRLS ? setError : i;
-            return -EINVAL;
-        }
-        if (request == VIDIOC_G_EXT_CTRLS) {
+        if (get) {
             ctrl.value = defaults ? c->defaultValue : controls.value(*c);
             continue;
         }
         int32_t value = ctrl.value;
-        if (const int r = StandardControls::check(*c, &value)) {
-            ext->error_idx = request == VIDIOC_S_EXT_CTRLS ? setError : i;
-            return r;
-        }
-        if (request == VIDIOC_TRY_EXT_CTRLS) ctrl.value = value;
+        if (const int r = StandardControls::check(*c, &value)) return refuse(i, r);
+        if (tryOnly) ctrl.value = value;
     }
     if (request == VIDIOC_S_EXT_CTRLS) {
         for (uint32_t i = 0; i < ext->count; ++i) {
@@ -119,6 +132,7 @@ int extCtrls(StandardControls& controls, unsigned long request, v4l2_ext_control
             ctrl.value = value;
         }
     }
+    ext->error_idx = 0;
     return 0;
 }
 
@@ -130,7 +144,6 @@ int videoControlIoctl(Camera& camera, unsigned long request, void* arg, bool* ha
     StandardControls& controls = fw.controls();
     switch (request) {
         case UVCIOC_CTRL_QUERY:
-            if (!arg) return -EFAULT;
             return fw.extensionUnit().query(*static_cast<uvc_xu_control_query*>(arg));
         case VIDIOC_QUERYCTRL:
         case VIDIOC_QUERY_EXT_CTRL:
@@ -145,7 +158,6 @@ int videoControlIoctl(Camera& camera, unsigned long request, void* arg, bool* ha
             *handled = false;
             return 0;
     }
-    if (!arg) return -EFAULT;
     if (fw.unplugged()) return -ENODEV;
     switch (request) {
         case VIDIOC_QUERYCTRL:

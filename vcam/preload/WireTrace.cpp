@@ -24,9 +24,9 @@ int traceFd() {
     if (fd != -2) return fd;
     World* world = World::get();
     fd = -1;
-    if (world && !world->scenario().trace.empty())
-        fd = libc::open(world->scenario().trace.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC,
-                        0644);
+    if (world && !world->tracePath().empty())
+        fd =
+            libc::open(world->tracePath().c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
     g_traceFd.store(fd < 0 ? -1 : fd, std::memory_order_release);
     return fd;
 }
