@@ -59,8 +59,8 @@ class RecordReplay : public ::testing::TestWithParam<ModeCase> {
 
 TEST_P(RecordReplay, ReplaysBitExactly) {
     const ModeCase c = GetParam();
-    // Two frames: the virtual camera's own noise repeats every three, so a replay that fell
-    // back to the synthetic scene would not follow the recording's period.
+    // Two frames: the virtual camera's own scene never repeats a frame, so a replay that fell
+    // back to it would not follow the recording's period.
     ASSERT_NO_FATAL_FAILURE(record("original.tlvrec", 2));
     RecordingReader original;
     std::string error;
@@ -107,6 +107,30 @@ TEST_P(RecordReplay, ReplaysBitExactly) {
             EXPECT_EQ(again.calibration(type)->data, original.calibration(type)->data) << type;
         }
     }
+}
+
+// A replayed camera keeps to the recording's data mode: a stream without --mode plays it, one
+// asking for another data mode is refused rather than fed the synthetic scene.
+TEST(Replay, KeepsToTheRecordedDataMode) {
+    talvoro_test::TempDir dir;
+    const ToolRun recorded = runToolWithCameras(
+        {"--camera", "serial=REC-2"},
+        {"record", "REC-2", "--mode", "2", "--frames", "2", "--out", "depth.tlvrec"}, dir.path());
+    ASSERT_EQ(recorded.status, 0) << recorded;
+    const std::vector<std::string> replay = {TALVORO_TOOL, "replay", "depth.tlvrec", "--",
+                                             TALVORO_TOOL, "stream", "REC-2",        "--frames",
+                                             "1",          "--json"};
+    std::vector<std::string> asked = replay;
+    asked.insert(asked.end(), {"--mode", "4"});
+    const ToolRun refused = runProgram(asked, dir.path());
+    EXPECT_EQ(refused.status, 2) << refused;
+    EXPECT_NE(refused.err.find("camera REC-2 plays " + dir.file("depth.tlvrec") +
+                               ", which holds frames of data mode 2 only"),
+              std::string::npos)
+        << refused;
+    const ToolRun played = runProgram(replay, dir.path());
+    ASSERT_EQ(played.status, 0) << played;
+    EXPECT_NE(played.out.find("\"data_mode\": 2"), std::string::npos) << played;
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, RecordReplay,

@@ -59,8 +59,9 @@ void expectImage(const std::string& path, int width, int height, int type) {
 
 TEST_P(Stream, WritesTheImagesOfTheDataMode) {
     const ModeCase c = GetParam();
-    std::vector<std::string> args = {"stream",   "STR-1", "--mode", std::to_string(c.mode),
-                                     "--frames", "3",     "--out",  "images"};
+    std::vector<std::string> args = {"stream", "STR-1",    "--mode", std::to_string(c.mode),
+                                     "-q",     "--frames", "3",      "--out",
+                                     "images"};
     if (c.map) args.push_back("--map");
     const ToolRun r = runTool(args, dir_.path());
     ASSERT_EQ(r.status, 0) << r;
@@ -72,7 +73,7 @@ TEST_P(Stream, WritesTheImagesOfTheDataMode) {
     expectImage(out + "ir.png", c.ir ? 640 : 0, 480, CV_16UC1);
     expectImage(out + "colour.png", c.colourWidth, c.colourHeight, CV_8UC3);
 
-    // One line per frame; the last one's depth average at the image centre, where the back wall
+    // The last frame's line; its depth average at the image centre, where the back wall
     // is, 2.4 m away (depth is the distance along the ray).
     std::smatch m;
     const std::regex last(
@@ -101,6 +102,16 @@ TEST_P(Stream, WritesTheImagesOfTheDataMode) {
         const double wall[3] = {0, -400, 2400};
         const cv::Vec3b bare = at(wall);
         EXPECT_FALSE(bare[2] > 1.5 * bare[1] && bare[2] > 1.5 * bare[0]) << bare;
+    }
+    if (c.depthWidth) {
+        // Pixels without depth are black in the tool's colour map (the doorway, beyond range).
+        const cv::Mat depth = cv::imread(out + "depth.png", cv::IMREAD_UNCHANGED);
+        const cv::Mat map = cv::imread(out + "depth-colormap.png", cv::IMREAD_UNCHANGED);
+        const cv::Mat holes = depth == 0;
+        EXPECT_GT(cv::countNonZero(holes), 1000);
+        cv::Mat colours;
+        cv::reduce(map.reshape(1, map.rows * map.cols), colours, 1, cv::REDUCE_MAX);
+        EXPECT_EQ(cv::countNonZero(colours.reshape(1, map.rows) & holes), 0);
     }
     if (c.depthWidth == 640 && !c.map) {
         // Millimetres as the library gives them, not scaled for display.

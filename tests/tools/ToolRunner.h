@@ -5,10 +5,12 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -25,8 +27,10 @@ inline std::ostream& operator<<(std::ostream& os, const ToolRun& r) {
     return os << "status " << r.status << "\n--- stdout\n" << r.out << "--- stderr\n" << r.err;
 }
 
-// Runs argv[0] with the arguments in `dir` (empty: the current directory).
-inline ToolRun runProgram(const std::vector<std::string>& argv, const std::string& dir = "") {
+// Runs argv[0] with the arguments in `dir` (empty: the current directory). With `interruptAfter`,
+// the program gets SIGINT once its standard output holds that text.
+inline ToolRun runProgram(const std::vector<std::string>& argv, const std::string& dir = "",
+                          const std::string& interruptAfter = "") {
     ToolRun run;
     int out[2], err[2];
     if (pipe2(out, O_CLOEXEC) != 0) return run;
@@ -52,7 +56,12 @@ inline ToolRun runProgram(const std::vector<std::string>& argv, const std::strin
     pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
     std::string* text[2] = {&run.out, &run.err};
     int open = 2;
+    bool signalled = interruptAfter.empty();
     while (open > 0 && pid > 0) {
+        if (!signalled && run.out.find(interruptAfter) != std::string::npos) {
+            kill(pid, SIGINT);
+            signalled = true;
+        }
         if (poll(fds, 2, -1) < 0) {
             if (errno == EINTR) continue;
             break;
@@ -95,6 +104,26 @@ inline ToolRun runToolWithCameras(const std::vector<std::string>& options,
     argv.push_back(TALVORO_TOOL);
     argv.insert(argv.end(), args.begin(), args.end());
     return runProgram(argv, dir);
+}
+
+// Whether `text` is JSON as a strict parser (Python's) reads it: one document, or with `lines`
+// one document per line (JSON Lines). `why` gets the parser's complaint.
+inline bool isJson(const std::string& text, bool lines, std::string* why) {
+    char path[] = "/tmp/talvoro-json-XXXXXX";
+    const int fd = mkstemp(path);
+    if (fd < 0) return false;
+    const bool written = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    close(fd);
+    const ToolRun r = runProgram({"/usr/bin/python3", "-c",
+                                  "import json, sys\n"
+                                  "text = open(sys.argv[1]).read()\n"
+                                  "docs = text.splitlines() if sys.argv[2] == 'lines' else [text]\n"
+                                  "assert docs, 'no JSON at all'\n"
+                                  "[json.loads(d) for d in docs]\n",
+                                  path, lines ? "lines" : "document"});
+    unlink(path);
+    *why = r.err;
+    return written && r.status == 0;
 }
 
 // Whether a failed run said so in one line of its own: "talvoro: ...".

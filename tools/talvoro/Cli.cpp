@@ -13,8 +13,6 @@
 
 namespace talvoro_tool {
 
-namespace {
-
 const char* resultName(int result) {
     switch (result) {
         case Talvoro::Ok:
@@ -74,6 +72,13 @@ const char* resultName(int result) {
     }
 }
 
+namespace {
+
+// "-q", "--out": an option. A negative number ("-10") is a value.
+bool looksLikeOption(const std::string& arg) {
+    return arg.size() > 1 && arg[0] == '-' && !std::isdigit(static_cast<unsigned char>(arg[1]));
+}
+
 bool isOptionName(const std::string& arg, const std::string& name) {
     return arg == "--" + name || arg.rfind("--" + name + "=", 0) == 0;
 }
@@ -85,7 +90,8 @@ std::string resultText(int result) {
 }
 
 void check(int result, const std::string& what) {
-    if (result != Talvoro::Ok) throw ToolError(what + " failed: " + resultText(result));
+    if (result != Talvoro::Ok)
+        throw ToolError(what + " failed: " + resultText(result), kExitFailure, result);
 }
 
 Args::Args(std::vector<std::string> arguments) {
@@ -98,11 +104,27 @@ Args::Args(std::vector<std::string> arguments) {
     args_ = std::move(arguments);
 }
 
-bool Args::flag(const std::string& name) {
-    const auto it = std::find(args_.begin(), args_.end(), "--" + name);
-    if (it == args_.end()) return false;
-    args_.erase(it);
-    return true;
+std::vector<std::string> Args::words() const {
+    std::vector<std::string> all = args_;
+    if (hasRest_) {
+        all.push_back("--");
+        all.insert(all.end(), rest_.begin(), rest_.end());
+    }
+    return all;
+}
+
+bool Args::flag(const std::string& name, char letter) {
+    const std::string shortName = letter ? std::string("-") + letter : std::string();
+    bool found = false;
+    for (auto it = args_.begin(); it != args_.end();) {
+        if (*it == "--" + name || (letter && *it == shortName)) {
+            it = args_.erase(it);
+            found = true;
+        } else {
+            ++it;
+        }
+    }
+    return found;
 }
 
 std::optional<std::string> Args::option(const std::string& name) {
@@ -131,9 +153,8 @@ std::string Args::positional(const std::string& what) {
 }
 
 std::optional<std::string> Args::optionalPositional() {
-    const auto it = std::find_if(args_.begin(), args_.end(), [](const std::string& a) {
-        return a.rfind("--", 0) != 0 || a.size() == 2;
-    });
+    const auto it = std::find_if(args_.begin(), args_.end(),
+                                 [](const std::string& a) { return !looksLikeOption(a); });
     if (it == args_.end()) return std::nullopt;
     std::string value = *it;
     args_.erase(it);
@@ -142,7 +163,8 @@ std::optional<std::string> Args::optionalPositional() {
 
 void Args::finish() const {
     if (args_.empty()) return;
-    if (args_.front().rfind("--", 0) == 0) usageError("unknown option " + args_.front());
+    const std::string& first = args_.front();
+    if (looksLikeOption(first)) usageError("unknown option " + first);
     usageError("unexpected argument '" + args_.front() + "'");
 }
 

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <string>
 
-#include "Commands.h"
+#include "Command.h"
 #include "Controls.h"
 #include "Json.h"
 #include "Session.h"
@@ -23,7 +23,8 @@ const Control& controlNamed(const std::string& name) {
 void printControl(const Control& control, const DeviceHandle& camera, bool json) {
     Values values;
     const int result = control.get(camera, &values);
-    if (result != Ok) throw ToolError(failureText(control, result, false, camera));
+    if (result != Ok)
+        throw ToolError(failureText(control, result, false, camera), kExitFailure, result);
     const std::vector<Field> fields = fieldsOf(control, camera, false);
     if (json) {
         Json out;
@@ -37,8 +38,8 @@ void printControl(const Control& control, const DeviceHandle& camera, bool json)
 
 }  // namespace
 
-int getCommand(Args& args) {
-    const bool json = args.flag("json");
+int getCommand(Args& args, const Context& context) {
+    const bool json = context.json;
     const std::string serial = args.positional("SERIAL");
     const Control& control = controlNamed(args.positional("CONTROL"));
     args.finish();
@@ -49,7 +50,7 @@ int getCommand(Args& args) {
     return kExitOk;
 }
 
-int setCommand(Args& args) {
+int setCommand(Args& args, const Context& context) {
     const std::string serial = args.positional("SERIAL");
     const Control& control = controlNamed(args.positional("CONTROL"));
     const std::optional<std::string> value = args.optionalPositional();
@@ -63,9 +64,36 @@ int setCommand(Args& args) {
     Values values;
     if (value) values = parseValues(control.name, fieldsOf(control, camera, true), *value);
     const int result = control.set(camera, values);
-    if (result != Ok) throw ToolError(failureText(control, result, true, camera));
-    if (control.get) printControl(control, camera, false);
+    if (result != Ok)
+        throw ToolError(failureText(control, result, true, camera), kExitFailure, result);
+    if (control.get) printControl(control, camera, context.json);
     return kExitOk;
 }
+
+const bool registeredGet = registerCommand({
+    "get",
+    "SERIAL CONTROL",
+    "one control's value",
+    "Reads the camera control CONTROL and prints its value as set takes it (a number, a name, "
+    "several values comma-separated). 'talvoro help controls' lists the controls.",
+    {},
+    {Operand::Serial, Operand::Control},
+    getCommand,
+    30,
+});
+
+const bool registeredSet = registerCommand({
+    "set",
+    "SERIAL CONTROL [VALUE]",
+    "change a control",
+    "Changes the camera control CONTROL to VALUE (a number or a name; several values "
+    "comma-separated, as in 'set LAB1 face-detection on,off,on'), reads it back and prints what "
+    "the camera holds now. A control without a value (defaults) is just set. The camera keeps "
+    "its controls while it stays plugged in.",
+    {},
+    {Operand::Serial, Operand::Control, Operand::ControlValue},
+    setCommand,
+    40,
+});
 
 }  // namespace talvoro_tool

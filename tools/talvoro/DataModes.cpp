@@ -25,6 +25,19 @@ const ModeInfo& modeInfo(int mode) {
     return kModes[mode >= 0 && mode < kDataModes ? mode : 1];
 }
 
+int dataModeOf(uint32_t fourcc, uint16_t width, uint16_t height, uint16_t frameModeFirst,
+               uint8_t frameModeSecond) {
+    for (int mode = 0; mode < kDataModes; ++mode) {
+        const ModeInfo& m = kModes[mode];
+        if (m.fourcc == 0 || m.fourcc != fourcc || m.width != width || m.height != height) continue;
+        // Colour: the size alone tells the mode; the camera's frame mode is (2, any).
+        if (fourcc == kFourccUyvy ||
+            (m.frameModeFirst == frameModeFirst && m.frameModeSecond == frameModeSecond))
+            return mode;
+    }
+    return -1;
+}
+
 uint32_t rawFrameBytes(int mode) {
     const ModeInfo& m = modeInfo(mode);
     return 2u * m.width * m.height;

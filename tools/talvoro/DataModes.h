@@ -33,6 +33,9 @@ constexpr uint32_t kFourccUyvy = 0x59565955;  // "UYVY"
 const ModeInfo& modeInfo(int mode);
 // The raw frame size of the mode's capture format (0 for mode 1).
 uint32_t rawFrameBytes(int mode);
+// The data mode whose frames have this capture format and frame mode; -1 for none.
+int dataModeOf(uint32_t fourcc, uint16_t width, uint16_t height, uint16_t frameModeFirst,
+               uint8_t frameModeSecond);
 
 }  // namespace talvoro_tool
 

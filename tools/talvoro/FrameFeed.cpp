@@ -59,6 +59,11 @@ std::optional<uint64_t> FrameFeed::waitBeyond(uint64_t seen) {
     return state_->frames;
 }
 
+bool FrameFeed::lost() const {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    return state_->lost;
+}
+
 bool FrameFeed::next(Frames* frames) {
     for (int failures = 0; failures < kFailuresInARow;) {
         const std::optional<uint64_t> count = waitBeyond(processed_);

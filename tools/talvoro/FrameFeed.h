@@ -29,6 +29,9 @@ class FrameFeed {
     // call). false when interrupted; throws as waitBeyond, or when frames keep failing.
     bool next(Talvoro::Frames* frames);
 
+    // Whether the library reported the camera's stream lost (unplugged).
+    bool lost() const;
+
   private:
     struct State;
 

@@ -1,5 +1,10 @@
 #include "Images.h"
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
@@ -37,9 +42,42 @@ cv::Mat colourBgr(const ToFFrame& frame) {
     return bgr;
 }
 
+cv::Mat colourMapWithHoles(const cv::Mat& colourMap, const cv::Mat& depth) {
+    cv::Mat out = colourMap.clone();
+    if (!out.empty() && depth.size() == out.size() && depth.type() == CV_16UC1)
+        out.setTo(cv::Scalar::all(0), depth == 0);
+    return out;
+}
+
+void writePng(const std::string& path, const cv::Mat& image) {
+    // Encoded in memory and written here, so that a failure tells its cause and libpng has
+    // nothing to print.
+    std::vector<uchar> png;
+    bool encoded = false;
+    try {
+        encoded = cv::imencode(".png", image, png);
+    } catch (const cv::Exception&) {
+    }
+    if (!encoded)
+        throw ToolError("cannot write '" + path + "': the image cannot be encoded as PNG");
+    std::FILE* f = std::fopen(path.c_str(), "wb");
+    if (!f) {
+        const int err = errno;
+        throw ToolError("cannot write '" + path + "': " + std::strerror(err));
+    }
+    int err = 0;
+    if (std::fwrite(png.data(), 1, png.size(), f) != png.size()) err = errno;
+    if (std::fclose(f) != 0 && !err) err = errno;
+    if (err) {
+        std::remove(path.c_str());
+        throw ToolError("cannot write '" + path + "': " + std::strerror(err));
+    }
+}
+
 std::vector<std::string> saveImages(const Frames& frames, const std::string& dir) {
     const std::pair<const char*, cv::Mat> images[] = {
-        {"depth-colormap.png", view(frames.depth_colormap_frame)},
+        {"depth-colormap.png",
+         colourMapWithHoles(view(frames.depth_colormap_frame), view(frames.raw_depth_frame))},
         {"depth.png", view(frames.raw_depth_frame)},
         {"ir.png", view(frames.ir_frame)},
         {"colour.png", colourBgr(frames.rgb_frame)},
@@ -48,13 +86,7 @@ std::vector<std::string> saveImages(const Frames& frames, const std::string& dir
     for (const auto& [name, image] : images) {
         if (image.empty()) continue;
         const std::string path = dir + "/" + name;
-        bool ok = false;
-        try {
-            ok = cv::imwrite(path, image);
-        } catch (const cv::Exception& e) {
-            throw ToolError("cannot write '" + path + "': " + e.what());
-        }
-        if (!ok) throw ToolError("cannot write '" + path + "'");
+        writePng(path, image);
         written.push_back(path);
     }
     return written;

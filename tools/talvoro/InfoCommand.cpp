@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "Commands.h"
+#include "Command.h"
 #include "Controls.h"
 #include "DataModes.h"
 #include "Json.h"
@@ -215,8 +215,8 @@ void printJson(const DeviceInfo& info, DataMode mode, const std::vector<ControlR
 
 }  // namespace
 
-int infoCommand(Args& args) {
-    const bool json = args.flag("json");
+int infoCommand(Args& args, const Context& context) {
+    const bool json = context.json;
     const std::string serial = args.positional("SERIAL");
     args.finish();
 
@@ -232,5 +232,19 @@ int infoCommand(Args& args) {
         printText(info, mode, readings, calibration, camera);
     return kExitOk;
 }
+
+const bool registered = registerCommand({
+    "info",
+    "SERIAL",
+    "modes, controls, calibration, board readings",
+    "Shows everything the camera tells without streaming into files: its identity, the data "
+    "modes (the current one marked), every readable control with its value and range (the ones "
+    "the current data mode does not offer with the reason), the calibration and the board "
+    "readings. Nothing is changed.",
+    {},
+    {Operand::Serial},
+    infoCommand,
+    20,
+});
 
 }  // namespace talvoro_tool

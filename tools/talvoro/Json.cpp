@@ -6,6 +6,7 @@
 namespace talvoro_tool {
 
 void Json::newline() {
+    if (oneLine_) return;
     text_ += '\n';
     text_.append(2 * hasElement_.size(), ' ');
 }
@@ -16,7 +17,7 @@ void Json::beforeValue() {
         return;
     }
     if (hasElement_.empty()) return;
-    if (hasElement_.back()) text_ += ',';
+    if (hasElement_.back()) text_ += oneLine_ ? ", " : ",";
     hasElement_.back() = true;
     newline();
 }

@@ -1,5 +1,6 @@
-// A small JSON writer for --json output: objects, arrays, strings and numbers, indented. The text
-// is built in memory, so that a command that fails half-way prints no half document.
+// A small JSON writer for --json output: objects, arrays, strings and numbers, indented, or
+// compact for JSON Lines (one document per line). The text is built in memory, so that a command
+// that fails half-way prints no half document; every document ends with a newline.
 #ifndef TALVORO_TOOL_JSON_H
 #define TALVORO_TOOL_JSON_H
 
@@ -11,6 +12,9 @@ namespace talvoro_tool {
 
 class Json {
   public:
+    enum class Layout { Indented, OneLine };
+    explicit Json(Layout layout = Layout::Indented) : oneLine_(layout == Layout::OneLine) {}
+
     Json& beginObject() { return open('{'); }
     Json& endObject() { return close('}'); }
     Json& beginArray() { return open('['); }
@@ -41,6 +45,7 @@ class Json {
     void beforeValue();
     void newline();
 
+    bool oneLine_;
     std::string text_;
     // Per open container: whether it has an element yet.
     std::vector<bool> hasElement_;

@@ -1,5 +1,4 @@
-// Point clouds from depth images: back-projection through the depth camera's calibration,
-// colour from the colour camera, and binary PLY files.
+// Point clouds: the library's cloud of the published frame as PLY vertices, and binary PLY files.
 #ifndef TALVORO_TOOL_POINT_CLOUD_H
 #define TALVORO_TOOL_POINT_CLOUD_H
 
@@ -13,32 +12,23 @@
 
 namespace talvoro_tool {
 
-// A point in the depth camera's coordinates (x right, y down, z forward), millimetres.
+// A point (x right, y down, z forward), millimetres, and its colour.
 struct CloudPoint {
     float x, y, z;
     uint8_t red, green, blue;
 };
 
-// How the depth image was processed, which decides how a pixel's value becomes a point.
-struct DepthGeometry {
-    // Undistorted: the image follows the pinhole model of the intrinsics; otherwise each pixel
-    // keeps the lens's ray, recovered from the distortion coefficients.
-    bool undistorted = false;
-    // Planarized: a value is the distance along the optical axis (z); otherwise along the ray.
-    bool planarized = false;
-};
+// The published frame's points (GetPointCloud), coloured by the colour camera when `colour`
+// and, where it has nothing (or no colour is asked for), by `fallback` (BGR, the depth image's
+// size) when given, else grey. *frame tells the points' coordinate frame; *coloured how many
+// took the colour camera's colour. Returns the library's result (Ok, or a failure code).
+int fetchCloud(const Talvoro::DeviceHandle& camera, bool colour, const cv::Mat& fallback,
+               std::vector<CloudPoint>* points, Talvoro::PointCloudFrame* frame,
+               std::size_t* coloured);
 
-// One point per pixel with depth (16-bit millimetres, 0 = none), coloured from `pixelColours`
-// (BGR, the depth image's size) when given, else grey.
-std::vector<CloudPoint> backProject(const cv::Mat& depth, const Talvoro::CameraIntrinsics& camera,
-                                    DepthGeometry geometry, const cv::Mat& pixelColours);
-
-// Gives each point the colour the colour camera sees there (BGR image of the size its intrinsics
-// belong to); points outside its view keep theirs. Returns how many were coloured.
-std::size_t colourFromCamera(std::vector<CloudPoint>* points, const cv::Mat& bgr,
-                             const Talvoro::CameraIntrinsics& colour,
-                             const Talvoro::StereoExtrinsics& depthToColour);
-
+// A binary little-endian PLY file as writePly writes it.
+std::string plyBytes(const std::vector<CloudPoint>& points,
+                     const std::vector<std::string>& comments);
 // Writes a binary little-endian PLY: float x, y, z in metres and uchar red, green, blue per
 // vertex. `comments` become comment lines of the header. Throws when the file cannot be written.
 void writePly(const std::string& path, const std::vector<CloudPoint>& points,

@@ -12,13 +12,51 @@ namespace {
 void apply(int result, const std::string& option) {
     if (result == Ok) return;
     if (result == NotSupportedInDataMode)
-        throw ToolError(option + " is not available in the current data mode");
+        throw ToolError(option + " is not available in the current data mode", kExitFailure,
+                        result);
     if (result == CalibrationDataNotFound)
-        throw ToolError(option + " needs the camera's calibration, which it does not have");
-    throw ToolError(option + " failed: " + resultText(result));
+        throw ToolError(option + " needs the camera's calibration, which it does not have",
+                        kExitFailure, result);
+    throw ToolError(option + " failed: " + resultText(result), kExitFailure, result);
+}
+
+// Why data mode `mode` cannot do the processing; empty when it can.
+std::string refusal(const Processing& p, int mode) {
+    if (p.any() && !modeInfo(mode).depth)
+        return "depth processing needs a data mode with depth (0, 2, 4, 5); data mode " +
+               std::to_string(mode) + " has none";
+    if (p.map && mode != Depth_IR_RGB_VGA_Mode && mode != Depth_IR_RGB_HD_Mode)
+        return "--map needs data mode 4 or 5 (depth with colour)";
+    return "";
 }
 
 }  // namespace
+
+std::vector<OptionSpec> processingOptions(bool allowMap) {
+    std::vector<OptionSpec> options = {
+        {"--filters", "LIST",
+         "depth filters, comma-separated: spatial (median and bilateral), temporal (over the "
+         "last frames), edge (depth edges blacked out), flying (flying pixels removed), or all",
+         "spatial temporal edge flying all"},
+        {"--planarize", nullptr,
+         "depth as the distance along the optical axis instead of along each pixel's ray"},
+        {"--undistort", nullptr, "remove the lens distortion from depth (needs the calibration)"},
+    };
+    if (allowMap)
+        options.push_back({"--map", nullptr,
+                           "register depth onto the colour image (data modes 4 and 5; needs the "
+                           "calibration)"});
+    options.push_back({"--colormap", "MIN,MAX[,MAP]",
+                       "the colour map spans MIN to MAX millimetres (default 300 to the end of "
+                       "the depth range) with OpenCV colour map MAP (0 to 21)"});
+    return options;
+}
+
+void checkProcessing(const Processing& p, int requested) {
+    if (requested < 0) return;
+    const std::string why = refusal(p, requested);
+    if (!why.empty()) usageError(why);
+}
 
 Processing takeProcessing(Args& args, bool allowMap) {
     Processing p;
@@ -65,11 +103,9 @@ Processing takeProcessing(Args& args, bool allowMap) {
 }
 
 void applyProcessing(const DeviceHandle& camera, const Processing& p, DataMode mode) {
-    if (p.any() && !modeInfo(mode).depth)
-        throw ToolError("depth processing needs a data mode with depth (0, 2, 4, 5); data mode " +
-                        std::to_string(mode) + " has none");
-    if (p.map && mode != Depth_IR_RGB_VGA_Mode && mode != Depth_IR_RGB_HD_Mode)
-        throw ToolError("--map needs data mode 4 or 5 (depth with colour)");
+    // The data mode the camera was in: the command line was fine, the camera is not.
+    const std::string why = refusal(p, mode);
+    if (!why.empty()) throw ToolError(why + " (the camera streams in it; choose one with --mode)");
     if (p.spatial) apply(SetFilterType(camera, 0, true), "the spatial filter");
     if (p.temporal) apply(SetFilterType(camera, 1, true), "the temporal filter");
     if (p.edge) apply(SetFilterType(camera, 2, true), "the edge filter");

@@ -4,8 +4,10 @@
 #define TALVORO_TOOL_PROCESSING_H
 
 #include <string>
+#include <vector>
 
 #include "Cli.h"
+#include "Command.h"
 #include "TalvoroSDK.h"
 
 namespace talvoro_tool {
@@ -30,10 +32,15 @@ struct Processing {
     }
 };
 
+// The options' help; --map only when `allowMap`.
+std::vector<OptionSpec> processingOptions(bool allowMap);
 // Takes the options from the command line (--filters LIST: spatial, temporal, edge, flying or
 // all, comma-separated). --colormap MIN,MAX[,MAP] sets the colour map. --map is refused unless
 // `allowMap`.
 Processing takeProcessing(Args& args, bool allowMap);
+// Refuses (a usage error) processing that data mode `requested` (from --mode; -1: not given)
+// cannot do, before a camera is opened.
+void checkProcessing(const Processing& p, int requested);
 // Switches them on for the open camera; throws naming the option the data mode or the
 // calibration does not allow.
 void applyProcessing(const Talvoro::DeviceHandle& camera, const Processing& p,

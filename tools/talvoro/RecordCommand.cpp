@@ -6,16 +6,20 @@
 // The frames are copied on the capture thread as each one is announced (GetRawFrame), into a
 // few preallocated slots that the main thread writes out: a slow disk costs frames, counted and
 // reported, never the camera's pace.
+#include <cerrno>
+#include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <deque>
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include "Commands.h"
+#include "Command.h"
 #include "DataModes.h"
 #include "FrameFeed.h"
+#include "Json.h"
 #include "Recording.h"
 #include "Session.h"
 #include "Terminal.h"
@@ -158,13 +162,34 @@ vcam::rec::FrameInfo frameInfo(const RawFrameInfo& raw, uint16_t depthRange) {
     return f;
 }
 
-}  // namespace
+// What a recording cut short by a write error still holds, for the message: "it holds frames
+// 1 to 37 (sequence 112 to 148) and plays as it is", or empty when it holds none.
+std::string whatRemains(const std::string& path) {
+    vcam::rec::RecordingReader reader;
+    std::string error;
+    if (!reader.open(path, &error) || reader.frames().empty()) return "";
+    const auto& f = reader.frames();
+    return "it holds frames 1 to " + std::to_string(f.size()) + " (sequence " +
+           std::to_string(f.front().info.sequence) + " to " +
+           std::to_string(f.back().info.sequence) + ") and plays as it is";
+}
 
-int recordCommand(Args& args) {
-    const int requested = takeModeOption(args);
+std::string progressJson(int64_t recorded, uint64_t dropped, double seconds) {
+    Json out(Json::Layout::OneLine);
+    out.beginObject()
+        .field("recorded", recorded)
+        .field("dropped", static_cast<int64_t>(dropped))
+        .field("seconds", seconds)
+        .endObject();
+    return out.text();
+}
+
+int recordCommand(Args& args, const Context& context) {
+    const int asked = takeModeOption(args);
     const std::optional<std::string> framesArg = args.option("frames");
     const std::optional<std::string> outArg = args.option("out");
     const std::string serial = args.positional("SERIAL");
+    const int requested = modeFor(serial, asked);
     args.finish();
     if (!outArg) usageError("missing --out FILE");
     const int64_t frames = framesArg ? parseNumber(*framesArg, 0, 100000000, "--frames") : 30;
@@ -174,7 +199,6 @@ int recordCommand(Args& args) {
     std::string error;
     if (!writer.open(out.path(), &error)) throw ToolError(error);
 
-    catchInterrupts();
     Session session;
     const DeviceInfo info = session.find(serial);
     const DeviceHandle camera = session.open(info);
@@ -194,7 +218,7 @@ int recordCommand(Args& args) {
                                          {"data_mode", std::to_string(mode)},
                                          {"depth_range", std::to_string(depthRange)},
                                          {"recorded_by", "talvoro record"}});
-    const int blobs = recordCalibration(camera, &writer);
+    const int blobs = written ? recordCalibration(camera, &writer) : 0;
     written = written && blobs >= 0;
 
     auto queue = std::make_shared<RawFrameQueue>(camera, rawFrameBytes(mode));
@@ -203,8 +227,10 @@ int recordCommand(Args& args) {
     int64_t recorded = 0;
     uint64_t announced = 0, bytes = 0, firstSequence = 0, lastSequence = 0;
     uint64_t firstTime = 0, lastTime = 0;
+    const auto started = std::chrono::steady_clock::now();
+    auto reported = started;
     {
-        StatusLine progress(stderr, false);
+        Progress progress(context);
         while (written && (frames == 0 || recorded < frames)) {
             std::size_t index = 0;
             const RawFrameQueue::Slot* slot = queue->take(&index);
@@ -216,30 +242,62 @@ int recordCommand(Args& args) {
             }
             written = writer.writeFrame(frameInfo(slot->info, depthRange), slot->data.data(),
                                         slot->info.size);
+            queue->release(index);
+            if (!written) break;
             if (recorded == 0)
                 firstSequence = slot->info.sequence, firstTime = slot->info.time_stamp_ns;
             lastSequence = slot->info.sequence, lastTime = slot->info.time_stamp_ns;
             bytes += slot->info.size;
-            queue->release(index);
             ++recorded;
             progress.update("recording: " + std::to_string(recorded) +
                             (frames ? " of " + std::to_string(frames) : "") + " frames");
+            const auto now = std::chrono::steady_clock::now();
+            if (context.json && now - reported >= std::chrono::seconds(1)) {
+                reported = now;
+                const std::chrono::duration<double> seconds = now - started;
+                std::fputs(progressJson(recorded, queue->dropped(), seconds.count()).c_str(),
+                           stdout);
+                std::fflush(stdout);
+            }
         }
     }
     queue->stop();
 
-    std::vector<std::pair<std::string, std::string>> summary = {
-        {"frames", std::to_string(recorded)}, {"dropped", std::to_string(queue->dropped())}};
-    if (recorded > 1 && lastTime > firstTime) {
-        const double fps =
-            double(lastSequence - firstSequence) * 1e9 / double(lastTime - firstTime);
-        summary.push_back({"fps", std::to_string(static_cast<int>(fps + 0.5))});
+    if (written) {
+        std::vector<std::pair<std::string, std::string>> summary = {
+            {"frames", std::to_string(recorded)}, {"dropped", std::to_string(queue->dropped())}};
+        if (recorded > 1 && lastTime > firstTime) {
+            const double fps =
+                double(lastSequence - firstSequence) * 1e9 / double(lastTime - firstTime);
+            summary.push_back({"fps", std::to_string(static_cast<int>(fps + 0.5))});
+        }
+        written = writer.writeMetadata(summary);
     }
-    written = written && writer.writeMetadata(summary);
-    if (!writer.close(&error) || !written)
-        throw ToolError("cannot write '" + out.path() + "'" + (error.empty() ? "" : ": " + error));
-    if (recorded == 0) throw ToolError("interrupted before the first frame");
+    if (!writer.close(&error) || !written) {
+        // The disk filled up (or failed): what reached it stays, if it holds a frame; a reader
+        // ignores the record the failure cut short.
+        const std::string cause = std::strerror(writer.writeError() ? writer.writeError() : EIO);
+        const std::string remains = whatRemains(out.path());
+        if (!remains.empty()) out.keep();
+        throw ToolError("cannot write '" + out.path() + "': " + cause +
+                        (remains.empty() ? "; nothing recorded" : "; " + remains));
+    }
+    if (recorded == 0) throw ToolError("interrupted before the first frame", interruptStatus());
     out.keep();
+    if (context.json) {
+        Json result(Json::Layout::OneLine);
+        result.beginObject()
+            .field("file", out.path())
+            .field("serial", info.serialNo)
+            .field("data_mode", int(mode))
+            .field("frames", recorded)
+            .field("dropped", static_cast<int64_t>(queue->dropped()))
+            .field("calibration_blobs", blobs)
+            .field("bytes", static_cast<int64_t>(bytes))
+            .endObject();
+        std::fputs(result.text().c_str(), stdout);
+        return kExitOk;
+    }
     std::printf(
         "recorded %lld frames of data mode %d from %s with %d calibration blobs to %s "
         "(%.1f MB)\n",
@@ -250,5 +308,25 @@ int recordCommand(Args& args) {
                     static_cast<unsigned long long>(queue->dropped()));
     return kExitOk;
 }
+
+const bool registered = registerCommand({
+    "record",
+    "SERIAL --out FILE [OPTIONS]",
+    "record raw frames and calibration",
+    "Records K frames exactly as the camera sends them, with the calibration blobs it serves, "
+    "into FILE in the virtual camera's recording format, so that 'talvoro replay FILE -- "
+    "COMMAND' plays them to any program. Frames are copied as they arrive; frames a slow disk "
+    "cannot take are counted and reported, never the camera's pace. With --json a JSON object "
+    "a second tells how far it got, and one at the end what was written. Ctrl-C or a full disk "
+    "end the recording with what was written so far intact and playable.",
+    {{"--out", "FILE", "the recording to write (required)", "@file"},
+     modeOption(),
+     framesOption("record K frames (default 30; 0: until Ctrl-C)")},
+    {Operand::Serial},
+    recordCommand,
+    70,
+});
+
+}  // namespace
 
 }  // namespace talvoro_tool

@@ -5,6 +5,7 @@
 // this program (installed side by side, or the build tree's vcam/ directory) and then on PATH.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
@@ -12,8 +13,10 @@
 #include <string>
 #include <vector>
 
-#include "Commands.h"
+#include "Command.h"
+#include "DataModes.h"
 #include "Recording.h"
+#include "Session.h"
 
 namespace talvoro_tool {
 
@@ -41,9 +44,7 @@ bool plainSerial(const std::string& serial) {
     return true;
 }
 
-}  // namespace
-
-int replayCommand(Args& args) {
+int replayCommand(Args& args, const Context&) {
     const std::optional<std::string> fpsArg = args.option("fps");
     const std::string file = absolutePath(args.positional("FILE"));
     args.finish();
@@ -58,8 +59,19 @@ int replayCommand(Args& args) {
 
     std::string camera = "replay=" + file;
     const auto& meta = recording.metadata();
-    if (const auto it = meta.find("serial"); it != meta.end() && plainSerial(it->second))
+    if (const auto it = meta.find("serial"); it != meta.end() && plainSerial(it->second)) {
         camera += ",serial=" + it->second;
+        // The talvoro commands COMMAND runs then keep to the data modes the recording holds.
+        std::vector<int> modes;
+        for (const auto& frame : recording.frames()) {
+            const vcam::rec::FrameInfo& f = frame.info;
+            const int mode =
+                dataModeOf(f.pixelFormat, f.width, f.height, f.frameModeFirst, f.frameModeSecond);
+            if (mode >= 0 && std::find(modes.begin(), modes.end(), mode) == modes.end())
+                modes.push_back(mode);
+        }
+        setReplayedCamera({it->second, modes, file});
+    }
     if (fpsArg) {
         camera += ",fps=" + std::to_string(parseNumber(*fpsArg, 1, 1000, "--fps"));
     } else if (const auto it = meta.find("fps"); it != meta.end()) {
@@ -79,5 +91,23 @@ int replayCommand(Args& args) {
     const int err = errno;
     throw ToolError("cannot run " + launcher + ": " + std::strerror(err));
 }
+
+const bool registered = registerCommand({
+    "replay",
+    "FILE [--fps F] -- COMMAND [ARG...]",
+    "run COMMAND with a camera playing FILE",
+    "Runs COMMAND with one virtual camera playing the recording FILE, under the serial and at "
+    "the frame rate it was recorded with: a shortcut for\n"
+    "\n"
+    "    talvoro-vcam run --camera serial=SERIAL,replay=FILE,fps=F -- COMMAND\n"
+    "\n"
+    "The exit status is COMMAND's.",
+    {{"--fps", "F", "play at F frames a second instead of the recorded rate"}},
+    {Operand::File},
+    replayCommand,
+    80,
+});
+
+}  // namespace
 
 }  // namespace talvoro_tool

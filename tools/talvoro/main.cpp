@@ -1,80 +1,80 @@
 // talvoro: the command-line tool for Talvoro depth cameras, built on the public interface of
-// libTalvoroSDK. One subcommand per source file; this one dispatches and prints the help.
-#include <climits>
+// libTalvoroSDK. Each command registers itself in its own source file (Command.h); this file
+// finds it, takes the common options and turns what it throws into the exit status.
+#include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <exception>
 #include <string>
 #include <vector>
 
-#include "Commands.h"
-#include "Controls.h"
+#include "Command.h"
+#include "Json.h"
+#include "Terminal.h"
 
 namespace talvoro_tool {
 
 namespace {
 
-const char kUsage[] =
-    "usage: talvoro COMMAND [ARGS]\n"
-    "\n"
-    "  list [--json]                          the connected cameras\n"
-    "  info SERIAL [--json]                   modes, controls, calibration, board readings\n"
-    "  get SERIAL CONTROL [--json]            one control's value\n"
-    "  set SERIAL CONTROL [VALUE]             change a control (VALUE: number or name;\n"
-    "                                         several values comma-separated)\n"
-    "  stream SERIAL [--mode N] [--frames K] [--filters LIST] [--planarize] [--undistort]\n"
-    "         [--map] [--colormap MIN,MAX[,MAP]] [--out DIR]\n"
-    "                                         stream, print rate and averages, save PNGs\n"
-    "  cloud SERIAL --out FILE.ply [--mode N] [--frames K] [--filters LIST] [--planarize]\n"
-    "         [--undistort] [--colormap MIN,MAX[,MAP]]\n"
-    "                                         write a coloured point cloud\n"
-    "  record SERIAL [--mode N] [--frames K] --out FILE\n"
-    "                                         record raw frames and calibration\n"
-    "  replay FILE [--fps F] -- COMMAND [ARG...]\n"
-    "                                         run COMMAND with a camera playing FILE\n"
-    "  help [controls]                        this text, or the controls\n"
-    "\n"
-    "--filters takes spatial, temporal, edge, flying or all, comma-separated. --colormap spans\n"
-    "MIN to MAX millimetres (default 300 to the end of the depth range) with OpenCV colour map\n"
-    "MAP (0 to 21). --frames 0 runs until Ctrl-C. Exit status: 0 success, 1 failure, 2 wrong\n"
-    "command line.\n";
-
-void printControls() {
-    std::printf("Controls (talvoro get|set SERIAL CONTROL [VALUE]):\n\n");
-    for (const Control& c : controls()) {
-        std::string access = c.get && c.set ? "" : c.get ? " (read only)" : " (write only)";
-        std::printf("  %s%s: %s\n", c.name.c_str(), access.c_str(), c.description.c_str());
-        for (const Field& f : c.inputs())
-            if (!f.hex && f.decimals == 0)
-                std::printf("      %s: %s\n", f.name.c_str(),
-                            f.min == INT32_MIN ? "the camera's range (talvoro info shows it)"
-                                               : describeRange(f).c_str());
-        if (!c.modes.empty()) std::printf("      needs %s\n", c.modes.c_str());
-        if (!c.setModes.empty()) std::printf("      set needs %s\n", c.setModes.c_str());
-    }
+const char* errorName(const ToolError& e) {
+    if (e.result() != 0) return resultName(e.result());
+    if (e.status() == kExitUsage) return "UsageError";
+    if (e.status() > 128) return "Interrupted";
+    return "Failed";
 }
 
-int run(const std::string& command, Args& args) {
-    if (command == "list") return listCommand(args);
-    if (command == "info") return infoCommand(args);
-    if (command == "get") return getCommand(args);
-    if (command == "set") return setCommand(args);
-    if (command == "stream") return streamCommand(args);
-    if (command == "cloud") return cloudCommand(args);
-    if (command == "record") return recordCommand(args);
-    if (command == "replay") return replayCommand(args);
-    if (command == "help" || command == "--help" || command == "-h") {
-        const std::optional<std::string> topic = args.optionalPositional();
-        args.finish();
-        if (topic == "controls")
-            printControls();
-        else if (topic)
-            usageError("no help on '" + *topic + "'");
-        else
-            std::fputs(kUsage, stdout);
+// One line on standard error; with --json also the error object on standard output, which is
+// the last line of a command that prints JSON Lines.
+int report(const ToolError& e, const Context& context) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "talvoro: %s\n", e.what());
+    if (context.json) {
+        Json out(Json::Layout::OneLine);
+        out.beginObject()
+            .key("error")
+            .beginObject()
+            .field("code", e.result())
+            .field("name", errorName(e))
+            .field("message", e.what())
+            .field("exit_status", e.status())
+            .endObject()
+            .endObject();
+        std::fputs(out.text().c_str(), stdout);
+    }
+    return e.status();
+}
+
+int run(const std::vector<std::string>& words, Context* context) {
+    if (words.empty()) {
+        std::fputs(toolHelp().c_str(), stderr);
+        return kExitUsage;
+    }
+    const std::string& name = words.front();
+    if (name == "--version" || name == "-V") {
+        std::fputs(versionText().c_str(), stdout);
         return kExitOk;
     }
-    usageError("unknown command '" + command + "' (see 'talvoro help')");
+    if (name == "--help" || name == "-h") {
+        std::fputs(toolHelp().c_str(), stdout);
+        return kExitOk;
+    }
+    const CommandSpec* spec = findCommand(name);
+#if !TALVORO_TOOL_PUBLISH
+    if (name == "publish") throw ToolError("this talvoro is built without Cyclone DDS");
+#endif
+    if (!spec) usageError("unknown command '" + name + "' (see 'talvoro --help')");
+
+    Args args(std::vector<std::string>(words.begin() + 1, words.end()));
+    if (spec->raw) return spec->run(args, *context);
+    context->json = args.flag("json");
+    context->quiet = args.flag("quiet", 'q');
+    if (args.flag("help", 'h')) {
+        std::fputs(commandHelp(*spec).c_str(), stdout);
+        return kExitOk;
+    }
+    const int status = spec->run(args, *context);
+    // A command that ended cleanly after Ctrl-C still says it was stopped.
+    if (interruptStatus() != 0) throw ToolError("interrupted", interruptStatus());
+    return status;
 }
 
 }  // namespace
@@ -83,18 +83,17 @@ int run(const std::string& command, Args& args) {
 
 int main(int argc, char** argv) {
     using namespace talvoro_tool;
-    if (argc < 2) {
-        std::fputs(kUsage, stderr);
-        return kExitUsage;
-    }
+    catchInterrupts();
+    const std::vector<std::string> words(argv + 1, argv + argc);
+    Context context;
+    // Asked for before the command line is parsed, so that a usage error is JSON too.
+    const auto dashes = std::find(words.begin(), words.end(), "--");
+    context.json = std::find(words.begin(), dashes, "--json") != dashes;
     try {
-        Args args(std::vector<std::string>(argv + 2, argv + argc));
-        return run(argv[1], args);
+        return run(words, &context);
     } catch (const ToolError& e) {
-        std::fprintf(stderr, "talvoro: %s\n", e.what());
-        return e.status();
+        return report(e, context);
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "talvoro: %s\n", e.what());
-        return kExitFailure;
+        return report(ToolError(e.what()), context);
     }
 }
