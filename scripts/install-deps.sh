@@ -2,12 +2,16 @@
 # Installs the Debian 12 packages the build, the tests and the virtual camera need, when missing.
 set -eu
 
-packages="build-essential cmake pkg-config binutils \
+packages="build-essential cmake pkg-config binutils python3 doxygen \
   libudev-dev udev \
   libopencv-dev libopencv-contrib-dev \
   umockdev libumockdev-dev \
   googletest libgtest-dev libgmock-dev libbenchmark-dev \
-  v4l-utils clang libclang-rt-14-dev"
+  v4l-utils clang libclang-rt-14-dev \
+  libcpp-httplib-dev libturbojpeg0-dev nlohmann-json3-dev \
+  chromium chromium-driver python3-selenium python3-pil python3-numpy \
+  cyclonedds-dev cyclonedds-tools \
+  python3 python3-dev pybind11-dev python3-pytest"
 
 missing=""
 for p in $packages; do

@@ -8,7 +8,8 @@ header=$2
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 
-nm -D --defined-only "$lib" | awk '{print $NF}' | sort -u > "$tmp/exported"
+# Names without their version (GetRawFrame@@TALVORO_1.0); the version nodes themselves (A) aside.
+nm -D --defined-only "$lib" | awk '$2 != "A" {print $NF}' | sed 's/@.*//' | sort -u > "$tmp/exported"
 sed -n 's/^TALVORO_API [^(]*[ *]\([A-Za-z_][A-Za-z0-9_]*\)(.*/\1/p' "$header" | sort -u > "$tmp/declared"
 
 if ! diff -u "$tmp/declared" "$tmp/exported"; then

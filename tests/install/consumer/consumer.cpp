@@ -3,6 +3,11 @@
 
 #include <cstdio>
 
+// The library's C++17 requirement must not override the application's own standard.
+#if defined(CONSUMER_STANDARD) && CONSUMER_STANDARD == 20 && __cplusplus < 202002L
+#error "compiled below the C++20 the consumer asked for"
+#endif
+
 int main() {
     using namespace Talvoro;
     if (SetLogLevel(0) != Ok || SetLogging(0) != Ok) return 1;
