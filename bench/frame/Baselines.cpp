@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <thread>
 
 namespace bench {
 
@@ -25,46 +24,24 @@ void planarizationBaseline(uint16_t* depth, const double* cosines, int pixels) {
         depth[i] = uint16_t(int(depth[i] * cosines[i]));
 }
 
-namespace {
-
-void quadrant(const uint16_t* src, uint16_t* dst, int width, int r0, int r1, int c0, int c1,
-              int dLow, int slope, int tLow) {
-    for (int r = r0; r <= r1; ++r) {
-        for (int c = c0; c <= c1; ++c) {
-            const int p = src[r * width + c];
-            int s = 0;
-            for (int dr = -1; dr <= 1; ++dr)
-                for (int dc = -1; dc <= 1; ++dc)
-                    s += std::abs(p - src[(r + dr) * width + c + dc]);
-            dst[r * width + c] = (p - dLow) / slope + tLow < s / 8 ? 0 : uint16_t(p);
-        }
-    }
-}
-
-int slopeOf(int dLow, int dHigh, int tLow, int tHigh) {
-    return (dHigh - dLow) / (tHigh == tLow ? 1 : tHigh - tLow);
-}
-
-}  // namespace
-
 void flyingPixelBaseline(const uint16_t* src, uint16_t* dst, int width, int height, int dLow,
                          int dHigh, int tLow, int tHigh) {
     std::memset(dst, 0, size_t(width) * height * 2);
-    quadrant(src, dst, width, 1, height - 2, 1, width - 2, dLow, slopeOf(dLow, dHigh, tLow, tHigh),
-             tLow);
-}
-
-void flyingPixelBaselineThreads(const uint16_t* src, uint16_t* dst, int width, int height, int dLow,
-                                int dHigh, int tLow, int tHigh) {
-    std::memset(dst, 0, size_t(width) * height * 2);
-    const int slope = slopeOf(dLow, dHigh, tLow, tHigh), h = height / 2, w = width / 2;
-    std::thread t[4] = {
-        std::thread(quadrant, src, dst, width, 1, h - 1, 1, w - 1, dLow, slope, tLow),
-        std::thread(quadrant, src, dst, width, h, height - 2, 1, w - 1, dLow, slope, tLow),
-        std::thread(quadrant, src, dst, width, 1, h - 1, w, width - 2, dLow, slope, tLow),
-        std::thread(quadrant, src, dst, width, h, height - 2, w, width - 2, dLow, slope, tLow)};
-    for (auto& thread : t)
-        thread.join();
+    const int slope = (dHigh - dLow) / (tHigh == tLow ? 1 : tHigh - tLow);
+    for (int r = 1; r < height - 1; ++r) {
+        const uint16_t* up = src + (r - 1) * width;
+        const uint16_t* row = src + r * width;
+        const uint16_t* down = src + (r + 1) * width;
+        uint16_t* out = dst + r * width;
+        for (int c = 1; c < width - 1; ++c) {
+            const int p = row[c];
+            const int sum = std::abs(p - up[c - 1]) + std::abs(p - up[c]) +
+                            std::abs(p - up[c + 1]) + std::abs(p - row[c - 1]) +
+                            std::abs(p - row[c + 1]) + std::abs(p - down[c - 1]) +
+                            std::abs(p - down[c]) + std::abs(p - down[c + 1]);
+            out[c] = (p - dLow) / slope + tLow < (sum >> 3) ? 0 : uint16_t(p);
+        }
+    }
 }
 
 }  // namespace bench

@@ -67,18 +67,4 @@ std::vector<uint8_t> rawFrame(int mode) {
     return b;
 }
 
-namespace {
-std::vector<Ratio>& ratioList() {
-    static std::vector<Ratio> list;
-    return list;
-}
-}  // namespace
-
-void addRatio(const Ratio& ratio) {
-    ratioList().push_back(ratio);
-}
-const std::vector<Ratio>& ratios() {
-    return ratioList();
-}
-
 }  // namespace bench

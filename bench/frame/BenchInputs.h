@@ -4,7 +4,6 @@
 #define TALVORO_BENCH_FRAME_BENCH_INPUTS_H
 
 #include <cstdint>
-#include <string>
 #include <vector>
 
 #include <opencv2/core.hpp>
@@ -19,16 +18,6 @@ cv::Mat depthScene();
 // A raw buffer of data mode 0, 2, 4 or 5 carrying depthScene() (12-bit in the multiplexed
 // modes) and a matching IR image.
 std::vector<uint8_t> rawFrame(int mode);
-
-// Records a ratio line for the summary: `measured` against `reference`, and the target.
-struct Ratio {
-    std::string what;
-    std::string numerator;
-    std::string denominator;
-    double target;  // ratio to reach; > 0: at least, < 0: at most |target|
-};
-void addRatio(const Ratio& ratio);
-const std::vector<Ratio>& ratios();
 
 }  // namespace bench
 

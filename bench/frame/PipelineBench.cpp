@@ -1,9 +1,9 @@
 // setupFrame + processFrame of whole frames, with processing off and with everything on.
-#include <benchmark/benchmark.h>
-
+#include <memory>
 #include <string>
 
 #include "BenchInputs.h"
+#include "Interleave.h"
 #include "SampleCalibration.h"
 
 using Talvoro::TalvoroFrame;
@@ -17,37 +17,38 @@ void switchEverythingOn(TalvoroFrame& f, int mode) {
     f.allocateHistory();
     for (int type = 0; type < 3; ++type)
         f.setFilterType(type, true);
-    f.processingFlags |= TalvoroFrame::kUndistortion | TalvoroFrame::kFlyingPixel;
+    f.setProcessingFlags(TalvoroFrame::kUndistortion | TalvoroFrame::kFlyingPixel, true);
     if (mode == 4 || mode == 5) {
-        f.processingFlags |= TalvoroFrame::kRgbdMapping;
-        f.depthRange = 1;
+        f.setProcessingFlags(TalvoroFrame::kRgbdMapping, true);
+        f.updateDepthRange(1);
     }
-    f.avgIRDisplay = 1;
+    f.setAvgIRDisplay(true);
     f.setAvgRegion(0);
 }
 
-void pipeline(benchmark::State& state, int mode, bool on) {
-    TalvoroFrame f;
-    std::vector<uint8_t> raw = bench::rawFrame(mode);
-    f.updateColorMap(0, 4000, 4);
-    if (on) switchEverythingOn(f, mode);
-    f.initFrame(mode);
-    for (auto _ : state) {
-        f.setupFrame(raw.data(), int(raw.size()));
-        if (f.processFrame() != 1) state.SkipWithError("processFrame failed");
-    }
+bench::Candidate pipeline(int mode, bool on) {
+    auto f = std::make_shared<TalvoroFrame>();
+    auto raw = std::make_shared<std::vector<uint8_t>>(bench::rawFrame(mode));
+    f->updateColorMap(0, 4000, 4);
+    if (on) switchEverythingOn(*f, mode);
+    f->initFrame(mode);
+    return {on ? "all processing on" : "processing off", [f, raw] {
+                f->setupFrame(raw->data(), int(raw->size()));
+                f->processFrame();
+            }};
 }
 
 }  // namespace
 
 void registerPipelineBenchmarks() {
     for (int mode : {0, 2, 4, 5}) {
-        for (bool on : {false, true}) {
-            const std::string name =
-                "pipeline/mode" + std::to_string(mode) + (on ? "/all_on" : "/off");
-            benchmark::RegisterBenchmark(name.c_str(), pipeline, mode, on)
-                ->UseRealTime()
-                ->Unit(benchmark::kMillisecond);
-        }
+        bench::compare("pipeline/mode" + std::to_string(mode),
+                       {pipeline(mode, true), pipeline(mode, false)});
     }
+    // Shares of the 33.3 ms frame interval, on the processing thread (the application's
+    // GetNextFrame + GetFrames add a copy of the images on top).
+    bench::addTarget({"mode 4, all processing on: 15% of the frame interval", "pipeline/mode4",
+                      "all processing on", "", 0, 0.15 * 1000 / 30});
+    bench::addTarget({"mode 5, all processing on: 25% of the frame interval", "pipeline/mode5",
+                      "all processing on", "", 0, 0.25 * 1000 / 30});
 }

@@ -1,6 +1,5 @@
-// Each stage of the frame processor beside its floor or baseline, measured in the same run.
-#include <benchmark/benchmark.h>
-
+// Each stage of the frame processor beside its floor, a straightforward loop or the OpenCV calls
+// it replaces, timed call by call in turn (Interleave.h).
 #include <cstring>
 #include <vector>
 
@@ -10,13 +9,19 @@
 
 #include "Baselines.h"
 #include "BenchInputs.h"
+#include "Interleave.h"
 #include "SampleCalibration.h"
+#include "frame/ColorMap.h"
+#include "frame/EdgeFilter.h"
+#include "frame/FlyingPixelFilter.h"
 #include "frame/Planarization.h"
 #include "frame/Registration.h"
 #include "frame/Separation.h"
+#include "frame/SpatialFilter.h"
 #include "frame/TemporalFilter.h"
 #include "frame/Undistortion.h"
 
+using bench::Candidate;
 using Talvoro::TalvoroFrame;
 namespace frame = Talvoro::frame;
 
@@ -24,31 +29,17 @@ namespace {
 
 constexpr int kPixels = 640 * 480;
 
-template <class F>
-void registerStage(const std::string& name, F body) {
-    benchmark::RegisterBenchmark(name.c_str(),
-                                 [body](benchmark::State& state) {
-                                     for (auto _ : state)
-                                         body();
-                                 })
-        ->UseRealTime()
-        ->Unit(benchmark::kMicrosecond);
-}
+// The stages' own threads, sized to the machine as a frame processor's are.
+frame::WorkerPool pool;
 
-// The same, with `reset` run before every call outside the measured time.
-template <class F, class R>
-void registerStage(const std::string& name, F body, R reset) {
-    benchmark::RegisterBenchmark(name.c_str(),
-                                 [body, reset](benchmark::State& state) {
-                                     for (auto _ : state) {
-                                         state.PauseTiming();
-                                         reset();
-                                         state.ResumeTiming();
-                                         body();
-                                     }
-                                 })
-        ->UseRealTime()
-        ->Unit(benchmark::kMicrosecond);
+// OpenCV's own thread count (its default: one per core), restored by the candidates that do
+// not run it on one thread.
+int openCvThreads() {
+    static const int threads = cv::getNumThreads();
+    return threads;
+}
+void openCvOn(int threads) {
+    if (cv::getNumThreads() != threads) cv::setNumThreads(threads);
 }
 
 void separation() {
@@ -57,29 +48,31 @@ void separation() {
     static cv::Mat depth(480, 640, CV_16UC1), rawIr(480, 640, CV_16UC1), ir(480, 640, CV_16UC1),
         rgb4(480, 640, CV_8UC2), rgb5(720, 1280, CV_8UC2);
     static std::vector<uint8_t> target(raw5.size());
-    struct Case {
-        const char* mode;
-        const std::vector<uint8_t>* raw;
+    auto copy = [](const std::vector<uint8_t>& raw) {
+        return [&raw] { std::memcpy(target.data(), raw.data(), raw.size()); };
     };
-    for (const Case& c : {Case{"mode0", &raw0}, Case{"mode4", &raw4}, Case{"mode5", &raw5}}) {
-        const std::vector<uint8_t>& raw = *c.raw;
-        registerStage(std::string("memcpy/") + c.mode,
-                      [&raw] { std::memcpy(target.data(), raw.data(), raw.size()); });
-    }
-    registerStage("separation/mode0",
-                  [] { frame::separateRowPairs(raw0.data(), depth, rawIr, ir, 16); });
-    registerStage("separation/mode4", [] {
-        frame::separateMultiplexed(raw4.data(), raw4.size(), {1536000, 1280, 480, false}, depth,
-                                   rawIr, ir, rgb4, 16);
-    });
-    registerStage("separation/mode5", [] {
-        frame::separateMultiplexed(raw5.data(), raw5.size(), {2770560, 2568, 720, true}, depth,
-                                   rawIr, ir, rgb5, 16);
-    });
+    bench::compare("separation/mode0",
+                   {{"own", [] { frame::separateRowPairs(raw0.data(), depth, rawIr, ir, 16); }},
+                    {"memcpy of the raw frame", copy(raw0)}});
+    bench::compare("separation/mode4", {{"own",
+                                         [] {
+                                             frame::separateMultiplexed(raw4.data(), raw4.size(),
+                                                                        {1536000, 1280, 480, false},
+                                                                        depth, rawIr, ir, rgb4, 16);
+                                         }},
+                                        {"memcpy of the raw frame", copy(raw4)}});
+    bench::compare("separation/mode5", {{"own",
+                                         [] {
+                                             frame::separateMultiplexed(raw5.data(), raw5.size(),
+                                                                        {2770560, 2568, 720, true},
+                                                                        depth, rawIr, ir, rgb5, 16);
+                                         }},
+                                        {"memcpy of the raw frame", copy(raw5)}});
     // Mode 2's separation is one memcpy of the image.
-    for (const std::string mode : {"mode0", "mode4", "mode5"})
-        bench::addRatio(
-            {"separation " + mode + " vs memcpy", "separation/" + mode, "memcpy/" + mode, -2.0});
+    for (const char* mode : {"mode0", "mode4", "mode5"})
+        bench::addTarget({std::string("separation ") + mode + " at most 2x a memcpy",
+                          std::string("separation/") + mode, "own", "memcpy of the raw frame",
+                          0.5});
 }
 
 void filters() {
@@ -95,12 +88,14 @@ void filters() {
     static cv::Mat work = scene.clone();
     // Every call starts from the scene again (outside the measured time).
     const auto reset = [] { std::memcpy(work.data, scene.data, kPixels * 2); };
-    registerStage(
-        "temporal/own",
-        [] { frame::temporalAverage(work.ptr<uint16_t>(), history, 5, 100, kPixels); }, reset);
-    registerStage(
-        "temporal/scalar",
-        [] { bench::temporalBaseline(work.ptr<uint16_t>(), history, 5, 100, kPixels); }, reset);
+    bench::compare(
+        "temporal",
+        {{"own", [] { frame::temporalAverage(work.ptr<uint16_t>(), history, 5, 100, kPixels); },
+          reset},
+         {"straightforward loop",
+          [] { bench::temporalBaseline(work.ptr<uint16_t>(), history, 5, 100, kPixels); }, reset}});
+    bench::addTarget({"temporal filter vs a straightforward loop", "temporal", "own",
+                      "straightforward loop", 3});
 
     static cv::Mat cosines(480, 640, CV_64F);
     frame::fillThetaTable(
@@ -109,40 +104,42 @@ void filters() {
          TalvoroFrame::thetaCoeff3, TalvoroFrame::tofisPitch});
     static cv::Mat nearCosines;
     cosines.convertTo(nearCosines, CV_32F);
-    registerStage(
-        "planarization/own",
-        [] {
-            frame::planarize(work.ptr<uint16_t>(), cosines.ptr<double>(), nearCosines.ptr<float>(),
-                             kPixels);
-        },
-        reset);
-    registerStage(
-        "planarization/own_double",
-        [] { frame::planarize(work.ptr<uint16_t>(), cosines.ptr<double>(), nullptr, kPixels); },
-        reset);
-    registerStage(
-        "planarization/scalar",
-        [] { bench::planarizationBaseline(work.ptr<uint16_t>(), cosines.ptr<double>(), kPixels); },
-        reset);
+    bench::compare(
+        "planarization",
+        {{"own",
+          [] {
+              frame::planarize(work.ptr<uint16_t>(), cosines.ptr<double>(),
+                               nearCosines.ptr<float>(), kPixels);
+          },
+          reset},
+         {"own, double cosines only",
+          [] { frame::planarize(work.ptr<uint16_t>(), cosines.ptr<double>(), nullptr, kPixels); },
+          reset},
+         {"straightforward loop",
+          [] {
+              bench::planarizationBaseline(work.ptr<uint16_t>(), cosines.ptr<double>(), kPixels);
+          },
+          reset}});
+    bench::addTarget({"planarization vs a straightforward loop", "planarization", "own",
+                      "straightforward loop", 3});
 
     static TalvoroFrame processor;
     static cv::Mat out(480, 640, CV_16UC1);
-    registerStage("flying_pixel/own",
-                  [] { processor.flyingPixelFilter(scene, 640, 480, 200, 1200, 10, 20, out); });
-    registerStage("flying_pixel/scalar", [] {
-        bench::flyingPixelBaseline(scene.ptr<uint16_t>(), out.ptr<uint16_t>(), 640, 480, 200, 1200,
-                                   10, 20);
-    });
-    registerStage("flying_pixel/scalar_4_threads_per_call", [] {
-        bench::flyingPixelBaselineThreads(scene.ptr<uint16_t>(), out.ptr<uint16_t>(), 640, 480, 200,
-                                          1200, 10, 20);
-    });
-
-    bench::addRatio({"temporal filter speed-up", "temporal/scalar", "temporal/own", 3});
-    bench::addRatio({"planarization speed-up", "planarization/scalar", "planarization/own", 3});
-    bench::addRatio({"flying-pixel speed-up", "flying_pixel/scalar", "flying_pixel/own", 3});
-    bench::addRatio({"flying-pixel speed-up (4 threads per call)",
-                     "flying_pixel/scalar_4_threads_per_call", "flying_pixel/own", 3});
+    static const frame::FlyingPixelLimit limit = frame::flyingPixelLimit(200, 1200, 10, 20);
+    bench::compare("flying_pixel",
+                   {{"own, as shipped",
+                     [] { processor.flyingPixelFilter(scene, 640, 480, 200, 1200, 10, 20, out); }},
+                    {"own kernel, calling thread only",
+                     [] {
+                         frame::flyingPixelRows(scene.ptr<uint16_t>(), 640, out.ptr<uint16_t>(),
+                                                640, 1, 479, 1, 639, limit);
+                     }},
+                    {"straightforward loop", [] {
+                         bench::flyingPixelBaseline(scene.ptr<uint16_t>(), out.ptr<uint16_t>(), 640,
+                                                    480, 200, 1200, 10, 20);
+                     }}});
+    bench::addTarget({"flying-pixel filter as shipped vs a straightforward loop", "flying_pixel",
+                      "own, as shipped", "straightforward loop", 3});
 }
 
 void geometry() {
@@ -154,54 +151,84 @@ void geometry() {
     static frame::UndistortMap map;
     map.build(vga.depthK, vga.depthD, scene.size());
     static cv::Mat undistorted(480, 640, CV_16UC1), reference;
-    registerStage("undistortion/own", [] { map.apply(scene, undistorted); });
-    registerStage("undistortion/cv_undistort",
-                  [] { cv::undistort(scene, reference, vga.depthK, vga.depthD, vga.depthK); });
-    bench::addRatio(
-        {"undistortion speed-up", "undistortion/cv_undistort", "undistortion/own", 2.5});
+    bench::compare("undistortion",
+                   {{"own", [] { map.apply(scene, undistorted, pool); }},
+                    {"cv::undistort",
+                     [] { cv::undistort(scene, reference, vga.depthK, vga.depthD, vga.depthK); },
+                     [] { openCvOn(openCvThreads()); }}});
+    bench::addTarget(
+        {"undistortion vs cv::undistort", "undistortion", "own", "cv::undistort", 2.5});
 
     static frame::DepthRegistration vgaRegistration, hdRegistration;
     vgaRegistration.configure(vga.depthK, vga.rgbK, vga.rgbD, vgaMetres, {640, 480});
     hdRegistration.configure(hd.depthK, hd.rgbK, hd.rgbD, hdMetres, {1280, 720});
     static cv::Mat registered(480, 640, CV_16UC1), registeredHd(720, 1280, CV_16UC1);
-    registerStage("registration/own_vga", [] { vgaRegistration.apply(scene, registered); });
-    registerStage("registration/cv_registerDepth_vga", [] {
-        cv::rgbd::registerDepth(vga.depthK, vga.rgbK, vga.rgbD, vgaMetres, scene, {640, 480},
-                                reference, true);
-    });
-    registerStage("registration/own_hd", [] { hdRegistration.apply(scene, registeredHd); });
-    registerStage("registration/cv_registerDepth_hd", [] {
-        cv::rgbd::registerDepth(hd.depthK, hd.rgbK, hd.rgbD, hdMetres, scene, {1280, 720},
-                                reference, true);
-    });
-    bench::addRatio({"registration speed-up (information)", "registration/cv_registerDepth_vga",
-                     "registration/own_vga", 0});
+    bench::compare("registration/vga",
+                   {{"own", [] { vgaRegistration.apply(scene, registered, pool); }},
+                    {"cv::rgbd::registerDepth",
+                     [] {
+                         cv::rgbd::registerDepth(vga.depthK, vga.rgbK, vga.rgbD, vgaMetres, scene,
+                                                 {640, 480}, reference, true);
+                     },
+                     [] { openCvOn(openCvThreads()); }}});
+    bench::compare("registration/hd",
+                   {{"own", [] { hdRegistration.apply(scene, registeredHd, pool); }},
+                    {"cv::rgbd::registerDepth",
+                     [] {
+                         cv::rgbd::registerDepth(hd.depthK, hd.rgbK, hd.rgbD, hdMetres, scene,
+                                                 {1280, 720}, reference, true);
+                     },
+                     [] { openCvOn(openCvThreads()); }}});
+    bench::addTarget({"registration, VGA colour", "registration/vga", "own", "", 0, 1.5});
+    bench::addTarget({"registration, HD colour", "registration/hd", "own", "", 0, 2.0});
 }
 
 void postProcessing() {
-    static TalvoroFrame processor;
     static cv::Mat scaled;
     bench::depthScene().convertTo(scaled, CV_8U, 255.0 / 4000);
-    struct Case {
-        const char* name;
-        uint8_t filters;
+    static cv::Mat median, output, scratch, cvMedian, cvOutput;
+    auto own = [] { frame::spatialFilter(scaled, {median, output, scratch}, pool); };
+    auto openCv = [] {
+        cv::medianBlur(scaled, cvMedian, 5);
+        cv::bilateralFilter(cvMedian, cvOutput, 5, 200, 200, cv::BORDER_REFLECT_101);
     };
-    for (const Case& c : {Case{"post_processing/colour_map", 0},
-                          Case{"post_processing/spatial", TalvoroFrame::kSpatialFilter},
-                          Case{"post_processing/edge", TalvoroFrame::kEdgeFilter},
-                          Case{"post_processing/spatial_edge", 5}}) {
-        const uint8_t filters = c.filters;
-        registerStage(c.name, [filters] {
-            processor.filterFlags = filters;
-            processor.post_processing(scaled);
-        });
-    }
-    // What the spatial filter replaces (post_processing/spatial adds the colour map).
-    static cv::Mat median, bilateral;
-    registerStage("opencv/medianBlur+bilateralFilter", [] {
-        cv::medianBlur(scaled, median, 5);
-        cv::bilateralFilter(median, bilateral, 5, 200, 200, cv::BORDER_REFLECT_101);
-    });
+    bench::compare("spatial/1_thread",
+                   {{"own", own, [] { frame::setThreadLimit(1); }},
+                    {"cv::medianBlur + cv::bilateralFilter", openCv, [] { openCvOn(1); }}});
+    bench::compare("spatial/default_threads", {{"own", own, [] { frame::setThreadLimit(0); }},
+                                               {"cv::medianBlur + cv::bilateralFilter", openCv,
+                                                [] { openCvOn(openCvThreads()); }}});
+    bench::addTarget({"spatial filter vs OpenCV, one thread each", "spatial/1_thread", "own",
+                      "cv::medianBlur + cv::bilateralFilter", 2});
+    bench::addTarget({"spatial filter vs OpenCV, one thread per core each",
+                      "spatial/default_threads", "own", "cv::medianBlur + cv::bilateralFilter", 2});
+
+    static cv::Mat mask, edgeScratch;
+    static cv::Mat cvX, cvY, cvMagnitude, cvMask;
+    static const cv::Mat element = cv::getStructuringElement(cv::MORPH_RECT, cv::Size(3, 3));
+    bench::compare("edge",
+                   {{"own",
+                     [] {
+                         frame::edgeMask(scaled, {mask, edgeScratch}, pool);
+                     }},
+                    {"2 cv::Sobel + cv::addWeighted + cv::erode",
+                     [] {
+                         cv::Sobel(scaled, cvX, CV_8U, 2, 0, 5, 4.0, 0, cv::BORDER_REFLECT_101);
+                         cv::Sobel(scaled, cvY, CV_8U, 0, 2, 5, 4.0, 0, cv::BORDER_REFLECT_101);
+                         cv::addWeighted(cvX, 1.0, cvY, 1.0, 0, cvMagnitude);
+                         cv::erode(cvMagnitude, cvMask, element, cv::Point(-1, -1), 1,
+                                   cv::BORDER_CONSTANT, cv::Scalar(4));
+                     },
+                     [] { openCvOn(openCvThreads()); }}});
+    bench::addTarget({"edge filter vs its OpenCV chain", "edge", "own",
+                      "2 cv::Sobel + cv::addWeighted + cv::erode", 3});
+
+    static cv::Mat coloured, cvColoured;
+    bench::compare(
+        "colour_map",
+        {{"own", [] { frame::applyColorTable(scaled, coloured, frame::colorMapTable(4), pool); }},
+         {"cv::applyColorMap", [] { cv::applyColorMap(scaled, cvColoured, 4); },
+          [] { openCvOn(openCvThreads()); }}});
 }
 
 }  // namespace
