@@ -1,7 +1,8 @@
 #!/bin/sh
 # The main job: builds the project, plugs in two virtual cameras and runs the talvoro tool on
 # them: lists them, streams the first in data mode 4 (depth, IR and colour) with depth filters,
-# planarization and RGB-D mapping, and saves its images and a point cloud into out/.
+# planarization and RGB-D mapping, and saves its images and a point cloud into out/. It ends with
+# the command that shows the cameras live in a browser (talvoro view).
 set -eu
 cd "$(dirname "$0")/.."
 ./scripts/build.sh build
@@ -33,3 +34,8 @@ echo "  $out/depth-colormap.png  depth registered onto the colour image, colour-
 echo "  $out/depth.png           the same depth, 16-bit millimetres"
 echo "  $out/ir.png              IR image, 16-bit"
 echo "  $out/room.ply            coloured point cloud (binary PLY, metres)"
+echo
+echo "To watch the cameras live in a browser (Ctrl-C stops), run:"
+echo "  ./build/vcam/talvoro-vcam run --camera serial=DEMO-0001 --camera serial=DEMO-0002 -- \\"
+echo "      ./build/tools/talvoro/talvoro view"
+echo "and open the address talvoro view prints."
