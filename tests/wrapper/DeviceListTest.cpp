@@ -1,8 +1,10 @@
 // The device-list callback: cameras plugged in and out while the program runs are announced
 // once each and in order, and the callback may call back into the library.
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -147,6 +149,93 @@ TEST_F(DeviceList, CallbackCallsBackIntoTheLibrary) {
     // Registered again from the callback and closed: unplugging it leaves it so.
     EXPECT_EQ(IsOpened(h), CameraNotOpened);
     opened_.clear();
+}
+
+// Fetches frames on a thread of its own until stopped; counts those that came.
+class Fetcher {
+  public:
+    explicit Fetcher(const DeviceHandle& h)
+        : thread_([this, h] {
+              while (!stop_)
+                  if (GetNextFrame(h) == Ok) ++fetched_;
+          }) {}
+    ~Fetcher() { stop(); }
+    void stop() {
+        stop_ = true;
+        if (thread_.joinable()) thread_.join();
+    }
+    int fetched() const { return fetched_; }
+
+  private:
+    std::atomic<bool> stop_{false};
+    std::atomic<int> fetched_{0};
+    std::thread thread_;
+};
+
+talvoro_vcam::FrameCounters countersOf(const char* serial) {
+    talvoro_vcam::FrameCounters c{};
+    EXPECT_TRUE(talvoro_vcam::frameCounters(serial, &c)) << serial;
+    return c;
+}
+
+// wrapper.replug_soak: SOAK-A and SOAK-B at 10 frames/s, SOAK-C. The third camera is unplugged
+// and plugged back twenty times while the other two stream: each coming and going is announced
+// once, in order, and the two lose no frame to it (the camera drops a frame only when it finds
+// no buffer queued, that is when the library's capture thread stalls).
+TEST_F(DeviceList, TwoCamerasStreamOnWhileAThirdComesAndGoes) {
+    ListEvents seen;
+    ASSERT_EQ(RegisterDeviceListCallback(seen.callback()), Ok);
+    const DeviceHandle a = open("SOAK-A"), b = open("SOAK-B"), c = open("SOAK-C");
+    ASSERT_EQ(SetDataMode(a, Depth_IR_Mode), Ok);
+    ASSERT_EQ(SetDataMode(b, Depth_IR_Mode), Ok);
+    Fetcher fetchA(a), fetchB(b);
+    ASSERT_TRUE(waitFor([&] { return fetchA.fetched() > 0 && fetchB.fetched() > 0; }));
+    const auto beforeA = countersOf("SOAK-A"), beforeB = countersOf("SOAK-B");
+
+    std::vector<Event> expected;
+    for (int cycle = 0; cycle < 20; ++cycle) {
+        unplug("SOAK-C");
+        expected.emplace_back(DeviceLeft, "SOAK-C");
+        ASSERT_EQ(seen.first(expected.size()), expected) << "cycle " << cycle;
+        plug("SOAK-C");
+        expected.emplace_back(DeviceArrived, "SOAK-C");
+        ASSERT_EQ(seen.first(expected.size()), expected) << "cycle " << cycle;
+        // A frame of each of the other two in every cycle: they stream all along.
+        const int a0 = fetchA.fetched(), b0 = fetchB.fetched();
+        ASSERT_TRUE(waitFor([&] { return fetchA.fetched() > a0 && fetchB.fetched() > b0; }));
+    }
+    // Open when it was first unplugged: closed and unregistered by the unplug handling.
+    EXPECT_TRUE(waitFor([&] { return IsOpened(c) == InvalidDeviceIndex; }));
+    const auto afterA = countersOf("SOAK-A"), afterB = countersOf("SOAK-B");
+    fetchA.stop();
+    fetchB.stop();
+
+    EXPECT_EQ(seen.all(), expected);
+    EXPECT_EQ(afterA.dropped, beforeA.dropped);
+    EXPECT_EQ(afterB.dropped, beforeB.dropped);
+    EXPECT_EQ(IsOpened(a), CameraAlreadyOpen);
+    EXPECT_EQ(IsOpened(b), CameraAlreadyOpen);
+    EXPECT_EQ(RegisterDeviceListCallback(nullptr), Ok);
+}
+
+// wrapper.replug_reopen: REOPEN-1 alone. Unplugged while open, plugged back, found by a rescan
+// and opened again, it streams again, every time.
+TEST_F(DeviceList, ReopenedAfterReplugItStreamsAgain) {
+    for (int cycle = 0; cycle < 3; ++cycle) {
+        SCOPED_TRACE("cycle " + std::to_string(cycle));
+        const DeviceHandle h = open("REOPEN-1");
+        ToFFrame depth{};
+        ASSERT_TRUE(fetch(h, RawDepth, &depth));
+        unplug("REOPEN-1");
+        ASSERT_TRUE(waitFor([&] { return IsOpened(h) == InvalidDeviceIndex; }));
+        opened_.clear();
+        plug("REOPEN-1");
+        uint32_t count = 0;
+        ASSERT_TRUE(waitFor([&] { return GetDeviceCount(&count) == Ok && count == 1; }));
+    }
+    const DeviceHandle h = open("REOPEN-1");
+    ToFFrame depth{};
+    EXPECT_TRUE(fetch(h, RawDepth, &depth));
 }
 
 }  // namespace
