@@ -15,6 +15,7 @@
 #include "frame/EdgeFilter.h"
 #include "frame/FlyingPixelFilter.h"
 #include "frame/Planarization.h"
+#include "frame/PointCloud.h"
 #include "frame/Registration.h"
 #include "frame/Separation.h"
 #include "frame/SpatialFilter.h"
@@ -181,6 +182,38 @@ void geometry() {
                      [] { openCvOn(openCvThreads()); }}});
     bench::addTarget({"registration, VGA colour", "registration/vga", "own", "", 0, 1.5});
     bench::addTarget({"registration, HD colour", "registration/hd", "own", "", 0, 2.0});
+
+    // The coloured point cloud of a frame in data mode 5: each point's colour where the HD
+    // colour camera sees it.
+    static frame::CameraCalibration depthCamera, colourCamera;
+    static frame::RigidTransform toColour;
+    frame::CameraCalibration::read(hd.depthK, hd.depthD, &depthCamera);
+    frame::CameraCalibration::read(hd.rgbK, hd.rgbD, &colourCamera);
+    frame::RigidTransform::readMillimetres(hd.extrinsic, &toColour);
+    static frame::PixelRays rays;
+    rays.prepare(depthCamera, scene.size(), false);
+    static std::vector<float> xyz(3 * kPixels);
+    static const uint32_t points = rays.deproject(scene, false, false, xyz.data());
+    static cv::Mat rgb(720, 1280, CV_8UC3, cv::Scalar(40, 90, 160));
+    static std::vector<uint8_t> colours(3 * kPixels);
+    bench::compare("point_cloud_colour/hd",
+                   {{"own",
+                     [] {
+                         frame::colourByProjection(xyz.data(), points, colourCamera, toColour, rgb,
+                                                   colours.data());
+                     }},
+                    {"cv::projectPoints", [] {
+                         static std::vector<cv::Point3f> seen(points);
+                         static std::vector<cv::Point2f> uv;
+                         for (uint32_t i = 0; i < points; ++i) {
+                             const cv::Vec3d q =
+                                 toColour.rotation *
+                                     cv::Vec3d(xyz[3 * i], xyz[3 * i + 1], xyz[3 * i + 2]) +
+                                 toColour.translation;
+                             seen[i] = cv::Point3f(float(q[0]), float(q[1]), float(q[2]));
+                         }
+                         cv::projectPoints(seen, cv::Vec3d(), cv::Vec3d(), hd.rgbK, hd.rgbD, uv);
+                     }}});
 }
 
 void postProcessing() {

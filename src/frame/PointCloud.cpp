@@ -243,24 +243,55 @@ void colourFromPixels(const cv::Mat& depth, const cv::Mat& rgb, bool organized, 
 void colourByProjection(const float* xyz, uint32_t count, const CameraCalibration& colour,
                         const RigidTransform& depthToColour, const cv::Mat& rgb, uint8_t* out) {
     if (count == 0) return;
-    // Into the colour camera's frame here, so that projectPoints needs no rotation vector (and a
-    // rotation that is not quite orthonormal is applied as it stands).
-    std::vector<cv::Point3f> seen(count);
     const cv::Matx33d& R = depthToColour.rotation;
     const cv::Vec3d& t = depthToColour.translation;
-    for (uint32_t i = 0; i < count; ++i) {
-        const cv::Vec3d p(xyz[3 * i], xyz[3 * i + 1], xyz[3 * i + 2]);
-        const cv::Vec3d q = R * p + t;
-        seen[i] = cv::Point3f(float(q[0]), float(q[1]), float(q[2]));
-    }
+    // A tilted sensor (14 coefficients) is left to cv::projectPoints; every other model is
+    // projected here, in the same operations on the same values, so the pixels are the same
+    // and a frame's cloud costs no allocation of a point list.
+    const bool tilted = colour.distortion.size() > 12;
+    std::vector<cv::Point3f> seen;
     std::vector<cv::Point2f> uv;
-    cv::projectPoints(seen, cv::Vec3d(0, 0, 0), cv::Vec3d(0, 0, 0), cv::Mat(colour.matrix),
-                      colour.distortion, uv);
+    if (tilted) {
+        seen.resize(count);
+        for (uint32_t i = 0; i < count; ++i) {
+            const cv::Vec3d p(xyz[3 * i], xyz[3 * i + 1], xyz[3 * i + 2]);
+            const cv::Vec3d q = R * p + t;
+            seen[i] = cv::Point3f(float(q[0]), float(q[1]), float(q[2]));
+        }
+        cv::projectPoints(seen, cv::Vec3d(0, 0, 0), cv::Vec3d(0, 0, 0), cv::Mat(colour.matrix),
+                          colour.distortion, uv);
+    }
+    double k[12] = {};
+    std::copy_n(colour.distortion.begin(), std::min<std::size_t>(colour.distortion.size(), 12), k);
+    const double fx = colour.matrix(0, 0), fy = colour.matrix(1, 1);
+    const double cx = colour.matrix(0, 2), cy = colour.matrix(1, 2);
     for (uint32_t i = 0; i < count; ++i, out += 3) {
         out[0] = out[1] = out[2] = 0;
-        // Behind the colour camera a projection means nothing (and NaN fails every comparison).
-        if (!(seen[i].z > 0)) continue;
-        const float u = std::round(uv[i].x), v = std::round(uv[i].y);
+        float u, v;
+        if (tilted) {
+            // Behind the colour camera a projection means nothing (and NaN fails every
+            // comparison).
+            if (!(seen[i].z > 0)) continue;
+            u = uv[i].x, v = uv[i].y;
+        } else {
+            // Into the colour camera's frame, stored as float as the point list held it.
+            const cv::Vec3d p(xyz[3 * i], xyz[3 * i + 1], xyz[3 * i + 2]);
+            const cv::Vec3d q = R * p + t;
+            const double z = float(q[2]);
+            if (!(z > 0)) continue;
+            // cv::projectPoints with no rotation and no translation.
+            const double x = double(float(q[0])) * (1. / z), y = double(float(q[1])) * (1. / z);
+            const double r2 = x * x + y * y, r4 = r2 * r2, r6 = r4 * r2;
+            const double a1 = 2 * x * y, a2 = r2 + 2 * x * x, a3 = r2 + 2 * y * y;
+            const double radial = 1 + k[0] * r2 + k[1] * r4 + k[4] * r6;
+            const double rational = 1. / (1 + k[5] * r2 + k[6] * r4 + k[7] * r6);
+            const double xd = x * radial * rational + k[2] * a1 + k[3] * a2 + k[8] * r2 + k[9] * r4;
+            const double yd =
+                y * radial * rational + k[2] * a3 + k[3] * a1 + k[10] * r2 + k[11] * r4;
+            u = float(xd * fx + cx);
+            v = float(yd * fy + cy);
+        }
+        u = std::round(u), v = std::round(v);
         if (!(u >= 0 && v >= 0 && u < float(rgb.cols) && v < float(rgb.rows))) continue;
         const uint8_t* c = rgb.ptr<uint8_t>(int(v)) + 3 * int(u);
         out[0] = c[0], out[1] = c[1], out[2] = c[2];
