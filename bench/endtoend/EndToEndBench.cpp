@@ -65,17 +65,20 @@ struct Announcements {
     std::mutex mutex;
     std::condition_variable cond;
     std::vector<unsigned> count = std::vector<unsigned>(16, 0);
+    std::vector<uint64_t> atNs = std::vector<uint64_t>(16, 0);  // the newest announcement
     void onFrame(int event, int index) {
         if (event != 1 || index < 0 || index >= 16) return;
         std::lock_guard<std::mutex> lock(mutex);
         ++count[size_t(index)];
+        atNs[size_t(index)] = monotonicNs();
         cond.notify_all();
     }
-    bool waitBeyond(int index, unsigned seen, unsigned* now) {
+    bool waitBeyond(int index, unsigned seen, unsigned* now, uint64_t* announcedNs) {
         std::unique_lock<std::mutex> lock(mutex);
         const bool got = cond.wait_for(lock, std::chrono::seconds(2),
                                        [&] { return count[size_t(index)] > seen; });
         *now = count[size_t(index)];
+        *announcedNs = atNs[size_t(index)];
         return got;
     }
 } announced;
@@ -102,18 +105,19 @@ void everythingOn(const Camera& c, DataMode mode) {
 }
 
 struct Pass {
-    std::vector<double> callMs, latencyMs;
+    std::vector<double> callMs, latencyMs, announcedMs;
     unsigned frames = 0, lost = 0;
 };
 
 // The application's thread of one camera: after every announced frame, GetNextFrame and
-// GetFrames, timed, then the frame's capture stamp against the clock.
+// GetFrames, timed, then the frame's capture stamp and its announcement against the clock.
 void drive(const Camera& c, Clock::time_point warm, Clock::time_point end, Pass* out) {
     unsigned seen = 0;
     uint64_t lastSequence = 0;
     bool first = true;
     while (Clock::now() < end) {
-        if (!announced.waitBeyond(c.index, seen, &seen)) continue;
+        uint64_t announcedNs = 0;
+        if (!announced.waitBeyond(c.index, seen, &seen, &announcedNs)) continue;
         const Clock::time_point t0 = Clock::now();
         if (GetNextFrame(c.handle) != Ok) continue;
         Frames frames{};
@@ -121,7 +125,9 @@ void drive(const Camera& c, Clock::time_point warm, Clock::time_point end, Pass*
         const double callMs = std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
         FrameInfo info{};
         if (GetFrameInfo(c.handle, &info) != Ok) continue;
-        const double latencyMs = double(monotonicNs() - info.time_stamp_ns) * 1e-6;
+        const uint64_t doneNs = monotonicNs();
+        const double latencyMs = double(doneNs - info.time_stamp_ns) * 1e-6;
+        const double announcedMs = double(doneNs - announcedNs) * 1e-6;
         if (t0 < warm) {
             lastSequence = info.sequence;
             first = false;
@@ -134,11 +140,12 @@ void drive(const Camera& c, Clock::time_point warm, Clock::time_point end, Pass*
         ++out->frames;
         out->callMs.push_back(callMs);
         out->latencyMs.push_back(latencyMs);
+        out->announcedMs.push_back(announcedMs);
     }
 }
 
 struct Summary {
-    double callMedian = 0, latencyMedian = 0;
+    double callMedian = 0, latencyMedian = 0, announcedMedian = 0;
     unsigned frames = 0;
 };
 
@@ -164,6 +171,7 @@ Summary run(const char* name, std::vector<Camera> cameras, DataMode mode, double
         all.lost += p.lost;
         all.callMs.insert(all.callMs.end(), p.callMs.begin(), p.callMs.end());
         all.latencyMs.insert(all.latencyMs.end(), p.latencyMs.begin(), p.latencyMs.end());
+        all.announcedMs.insert(all.announcedMs.end(), p.announcedMs.begin(), p.announcedMs.end());
     }
     std::printf("\n%s: %zu camera(s), %.1f s\n", name, cameras.size(), seconds);
     std::printf(
@@ -179,7 +187,12 @@ Summary run(const char* name, std::vector<Camera> cameras, DataMode mode, double
     std::printf("  capture to processed frame ms: median %.2f  p90 %.2f  p99 %.2f  max %.2f\n",
                 percentile(all.latencyMs, 0.5), percentile(all.latencyMs, 0.9),
                 percentile(all.latencyMs, 0.99), percentile(all.latencyMs, 1));
-    return {percentile(all.callMs, 0.5), percentile(all.latencyMs, 0.5), all.frames};
+    std::printf(
+        "  frame callback to processed frame ms: median %.2f  p90 %.2f  p99 %.2f  max %.2f\n",
+        percentile(all.announcedMs, 0.5), percentile(all.announcedMs, 0.9),
+        percentile(all.announcedMs, 0.99), percentile(all.announcedMs, 1));
+    return {percentile(all.callMs, 0.5), percentile(all.latencyMs, 0.5),
+            percentile(all.announcedMs, 0.5), all.frames};
 }
 
 void target(const char* what, double measured, double limit) {
@@ -228,8 +241,14 @@ int main(int argc, char** argv) {
     std::printf("\n%-56s %10s %12s\n", "target (medians)", "measured", "target");
     target("mode 4 per frame, 15% of the frame interval", mode4.callMedian, 0.15 * interval);
     target("mode 5 per frame, 25% of the frame interval", mode5.callMedian, 0.25 * interval);
-    if (cameras.size() > 1)
-        target("capture to processed frame, mode 4, two cameras", both.latencyMedian, 6);
+    // The capture stamp is the start of the frame, as uvcvideo stamps it: before the virtual
+    // camera draws the frame (in this process, on the same cores), where a real camera would
+    // still be sending it. From the frame callback on, the time is the library's and the
+    // application's.
+    if (cameras.size() > 1) {
+        target("capture stamp to processed frame, mode 4, two cameras", both.latencyMedian, 6);
+        target("frame callback to processed frame, mode 4, two cameras", both.announcedMedian, 6);
+    }
     // A pass without frames is a broken benchmark, not a slow one.
     const bool ran =
         mode4.frames > 0 && mode5.frames > 0 && (cameras.size() < 2 || both.frames > 0);

@@ -386,9 +386,52 @@ TALVORO_AVX2 inline void keepFootprint(uint16_t* at, ptrdiff_t stride, __m128i n
     std::memcpy(lower, &b, 4);
 }
 
-TALVORO_AVX2 void DepthRegistration::placeInsideAvx2(uint16_t* out, ptrdiff_t stride,
+// Lanes d and d + 1 of sixteen clear, the others all ones: a footprint's two columns.
+alignas(32) const uint16_t kFootprintLanes[48] = {
+    0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF,
+    0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0,      0,      0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF,
+    0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF,
+    0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF};
+
+// Eight landings of one row, none of them 0, within fourteen columns of each other and fifteen
+// of the image's right edge: their footprints are merged in registers and each of the two rows
+// is read and written once. The nearest depth wins whatever the order, so this is the same as
+// eight landings one after another, which would each read what the one before just wrote
+// (across a store the processor cannot forward when the footprints overlap). False when the
+// landings do not qualify.
+TALVORO_AVX2 bool placeRunAvx2(uint16_t* out, ptrdiff_t stride, int width, const int32_t* target,
+                               const uint16_t* value) {
+    int32_t lowest = target[0], highest = target[0];
+    for (int n = 1; n < 8; ++n) {
+        lowest = std::min(lowest, target[n]);
+        highest = std::max(highest, target[n]);
+    }
+    if (highest - lowest > 14) return false;
+    const ptrdiff_t row = lowest / stride, column = lowest - row * stride;
+    if (highest / stride != row || column + 14 >= width) return false;
+    __m128i values = _mm_loadu_si128(reinterpret_cast<const __m128i*>(value));
+    if (_mm_movemask_epi8(_mm_cmpeq_epi16(values, _mm_setzero_si128())) != 0) return false;
+    __m256i nearer = _mm256_set1_epi16(-1);
+    for (int n = 0; n < 8; ++n) {
+        const int d = int(target[n] - lowest);
+        const __m256i lanes =
+            _mm256_loadu_si256(reinterpret_cast<const __m256i*>(kFootprintLanes + 16 - d));
+        nearer = _mm256_min_epu16(nearer,
+                                  _mm256_or_si256(lanes, _mm256_set1_epi16(short(value[n] - 1))));
+    }
+    const __m256i one = _mm256_set1_epi16(1);
+    for (uint16_t* at : {out + lowest - 1, out + lowest - stride - 1}) {
+        __m256i kept = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at));
+        kept = _mm256_add_epi16(_mm256_min_epu16(_mm256_sub_epi16(kept, one), nearer), one);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(at), kept);
+    }
+    return true;
+}
+
+TALVORO_AVX2 void DepthRegistration::placeInsideAvx2(uint16_t* out, ptrdiff_t stride, int width,
                                                      const int32_t* target, const uint16_t* value,
                                                      int count) {
+    if (count == 8 && placeRunAvx2(out, stride, width, target, value)) return;
     for (int n = 0; n < count; ++n) {
         uint16_t* at = out + target[n];
         const uint16_t v = value[n];
@@ -472,8 +515,8 @@ void DepthRegistration::place(const cv::Mat& depth, cv::Mat& registered, int row
             if (blockInside_[block] && top > rowBegin && bottom < rowEnd) {
 #if TALVORO_X86_64
                 if (vector) {
-                    placeInsideAvx2(out, ptrdiff_t(stride), &target_[first + i], &value_[first + i],
-                                    end - i);
+                    placeInsideAvx2(out, ptrdiff_t(stride), registered.cols, &target_[first + i],
+                                    &value_[first + i], end - i);
                     continue;
                 }
 #endif

@@ -51,7 +51,7 @@ class DepthRegistration {
     int projectRowAvx2(const uint16_t* depth, int j, int count, size_t stride, int32_t* target,
                        uint16_t* value, int32_t* top, int32_t* bottom, uint8_t* inside) const;
     // place() of landings all inside with room for their dilation (AVX2).
-    static void placeInsideAvx2(uint16_t* out, ptrdiff_t stride, const int32_t* target,
+    static void placeInsideAvx2(uint16_t* out, ptrdiff_t stride, int width, const int32_t* target,
                                 const uint16_t* value, int count);
 
     void project(const cv::Mat& depth, size_t stride, int rowBegin, int rowEnd, bool vector);
