@@ -240,29 +240,47 @@ void colourFromPixels(const cv::Mat& depth, const cv::Mat& rgb, bool organized, 
     }
 }
 
+namespace {
+
+// The column or row a coordinate rounds to (half away from zero, as std::round), or -1 when
+// that is outside [0, size) or the coordinate is not a number. Exact in double for any float.
+inline int pixelOf(float coordinate, int size) {
+    const double c = coordinate;
+    if (!(c > -0.5 && c < size - 0.5)) return -1;
+    return int(c + 0.5);  // truncation is the floor here: c + 0.5 > 0
+}
+
+}  // namespace
+
 void colourByProjection(const float* xyz, uint32_t count, const CameraCalibration& colour,
                         const RigidTransform& depthToColour, const cv::Mat& rgb, uint8_t* out) {
     if (count == 0) return;
     const cv::Matx33d& R = depthToColour.rotation;
     const cv::Vec3d& t = depthToColour.translation;
-    // A tilted sensor (14 coefficients) is left to cv::projectPoints; every other model is
-    // projected here, in the same operations on the same values, so the pixels are the same
-    // and a frame's cloud costs no allocation of a point list.
+    // A tilted sensor (14 coefficients) is left to cv::projectPoints. Every other model is
+    // projected here with the same operations on the same values, so each point lands on the
+    // same pixel, without a point list per frame; terms whose coefficients are all zero are
+    // skipped, which changes nothing for a finite point (and one that is not finite is black
+    // either way).
     const bool tilted = colour.distortion.size() > 12;
-    std::vector<cv::Point3f> seen;
     std::vector<cv::Point2f> uv;
+    std::vector<float> depths;
     if (tilted) {
-        seen.resize(count);
+        std::vector<cv::Point3f> seen(count);
+        depths.resize(count);
         for (uint32_t i = 0; i < count; ++i) {
             const cv::Vec3d p(xyz[3 * i], xyz[3 * i + 1], xyz[3 * i + 2]);
             const cv::Vec3d q = R * p + t;
             seen[i] = cv::Point3f(float(q[0]), float(q[1]), float(q[2]));
+            depths[i] = seen[i].z;
         }
         cv::projectPoints(seen, cv::Vec3d(0, 0, 0), cv::Vec3d(0, 0, 0), cv::Mat(colour.matrix),
                           colour.distortion, uv);
     }
     double k[12] = {};
     std::copy_n(colour.distortion.begin(), std::min<std::size_t>(colour.distortion.size(), 12), k);
+    const bool rational = k[5] != 0 || k[6] != 0 || k[7] != 0;
+    const bool prism = k[8] != 0 || k[9] != 0 || k[10] != 0 || k[11] != 0;
     const double fx = colour.matrix(0, 0), fy = colour.matrix(1, 1);
     const double cx = colour.matrix(0, 2), cy = colour.matrix(1, 2);
     for (uint32_t i = 0; i < count; ++i, out += 3) {
@@ -271,29 +289,41 @@ void colourByProjection(const float* xyz, uint32_t count, const CameraCalibratio
         if (tilted) {
             // Behind the colour camera a projection means nothing (and NaN fails every
             // comparison).
-            if (!(seen[i].z > 0)) continue;
+            if (!(depths[i] > 0)) continue;
             u = uv[i].x, v = uv[i].y;
         } else {
-            // Into the colour camera's frame, stored as float as the point list held it.
-            const cv::Vec3d p(xyz[3 * i], xyz[3 * i + 1], xyz[3 * i + 2]);
-            const cv::Vec3d q = R * p + t;
-            const double z = float(q[2]);
+            // Into the colour camera's frame (each row summed in cv::Matx's order), kept as float
+            // as a point list would hold it.
+            const double px = xyz[3 * i], py = xyz[3 * i + 1], pz = xyz[3 * i + 2];
+            const double z = float(R(2, 0) * px + R(2, 1) * py + R(2, 2) * pz + t[2]);
             if (!(z > 0)) continue;
+            const double inverse = 1. / z;
+            const double x =
+                double(float(R(0, 0) * px + R(0, 1) * py + R(0, 2) * pz + t[0])) * inverse;
+            const double y =
+                double(float(R(1, 0) * px + R(1, 1) * py + R(1, 2) * pz + t[1])) * inverse;
             // cv::projectPoints with no rotation and no translation.
-            const double x = double(float(q[0])) * (1. / z), y = double(float(q[1])) * (1. / z);
             const double r2 = x * x + y * y, r4 = r2 * r2, r6 = r4 * r2;
             const double a1 = 2 * x * y, a2 = r2 + 2 * x * x, a3 = r2 + 2 * y * y;
             const double radial = 1 + k[0] * r2 + k[1] * r4 + k[4] * r6;
-            const double rational = 1. / (1 + k[5] * r2 + k[6] * r4 + k[7] * r6);
-            const double xd = x * radial * rational + k[2] * a1 + k[3] * a2 + k[8] * r2 + k[9] * r4;
-            const double yd =
-                y * radial * rational + k[2] * a3 + k[3] * a1 + k[10] * r2 + k[11] * r4;
+            double xd = x * radial, yd = y * radial;
+            if (rational) {
+                const double divisor = 1. / (1 + k[5] * r2 + k[6] * r4 + k[7] * r6);
+                xd *= divisor;
+                yd *= divisor;
+            }
+            xd = xd + k[2] * a1 + k[3] * a2;
+            yd = yd + k[2] * a3 + k[3] * a1;
+            if (prism) {
+                xd = xd + k[8] * r2 + k[9] * r4;
+                yd = yd + k[10] * r2 + k[11] * r4;
+            }
             u = float(xd * fx + cx);
             v = float(yd * fy + cy);
         }
-        u = std::round(u), v = std::round(v);
-        if (!(u >= 0 && v >= 0 && u < float(rgb.cols) && v < float(rgb.rows))) continue;
-        const uint8_t* c = rgb.ptr<uint8_t>(int(v)) + 3 * int(u);
+        const int col = pixelOf(u, rgb.cols), row = pixelOf(v, rgb.rows);
+        if (col < 0 || row < 0) continue;
+        const uint8_t* c = rgb.ptr<uint8_t>(row) + 3 * col;
         out[0] = c[0], out[1] = c[1], out[2] = c[2];
     }
 }
