@@ -54,7 +54,9 @@ TEST_F(Settings, AveragingRegionTogglesOffAndClearsTheResults) {
     ASSERT_EQ(frame.calculateAverages().avgDepth, 900u);
     EXPECT_EQ(device.setAvgRegion(AvgRegion_Center), Ok);
     EXPECT_EQ(frame.settings().avgRegionMode, 1u);
-    EXPECT_EQ(device.setAvgRegion(AvgRegion_Center), Ok);
+    EXPECT_EQ(device.setAvgRegion(AvgRegion_Point), Ok);  // the two exclude each other
+    EXPECT_EQ(frame.settings().avgRegionMode, 2u);
+    EXPECT_EQ(device.setAvgRegion(AvgRegion_Point), Ok);
     EXPECT_EQ(frame.settings().avgRegionMode, 0u);
     EXPECT_EQ(frame.averages().avgDepth, 0u);
     EXPECT_TRUE(frame.settings().processingFlags & TalvoroFrame::kAverageDue);
