@@ -9,6 +9,20 @@
 
 namespace vcam {
 
+namespace {
+
+// A lock of `type` on the one byte at `slot`.
+struct flock byteLock(short type, off_t slot) {
+    struct flock l {};
+    l.l_type = type;
+    l.l_whence = SEEK_SET;
+    l.l_start = slot;
+    l.l_len = 1;
+    return l;
+}
+
+}  // namespace
+
 SharedLocks::SharedLocks(std::string path) : path_(std::move(path)) {}
 
 SharedLocks::~SharedLocks() {
@@ -28,11 +42,7 @@ int SharedLocks::fd() {
 bool SharedLocks::lock(off_t slot, short type, bool wait) {
     const int f = fd();
     if (f < 0) return true;
-    struct flock l {};
-    l.l_type = type;
-    l.l_whence = SEEK_SET;
-    l.l_start = slot;
-    l.l_len = 1;
+    struct flock l = byteLock(type, slot);
     const int saved = errno;
     int r;
     do {
@@ -65,11 +75,7 @@ void SharedLocks::release(off_t slot) {
 bool SharedLocks::heldElsewhere(off_t slot) {
     const int f = fd();
     if (f < 0) return false;
-    struct flock l {};
-    l.l_type = F_WRLCK;
-    l.l_whence = SEEK_SET;
-    l.l_start = slot;
-    l.l_len = 1;
+    struct flock l = byteLock(F_WRLCK, slot);
     const int saved = errno;
     const int r = libc::fcntl(f, F_OFD_GETLK, reinterpret_cast<long>(&l));
     errno = saved;
