@@ -47,7 +47,8 @@ class DepthRegistration {
     };
     static constexpr int32_t kNowhere = INT32_MIN;  // a pixel that lands outside
     Landing land(uint16_t depth, int i, int j) const;
-    // project() of one row, eight pixels at a time (AVX2); returns the pixels done.
+    // project() of one row, eight pixels at a time (AVX2, or AVX-512 when avx512_); returns the
+    // pixels done.
     int projectRowAvx2(const uint16_t* depth, int j, int count, size_t stride, int32_t* target,
                        uint16_t* value, int32_t* top, int32_t* bottom, uint8_t* inside) const;
     // place() of landings all inside with room for their dilation (AVX2).
@@ -78,6 +79,7 @@ class DepthRegistration {
     std::vector<int32_t> blockTop_, blockBottom_;
     std::vector<uint8_t> blockInside_;
     int blocksPerRow_ = 0;
+    bool avx512_ = false;  // project() with eight lanes of double at once
 };
 
 }  // namespace Talvoro::frame

@@ -80,7 +80,7 @@ TEST(Undistortion, MatchesCvUndistort) {
             ASSERT_TRUE(map.build(k32, d, depth.size()));
             cv::Mat expected;
             cv::undistort(depth, expected, k32, d, k32);
-            for (Isa level : {Isa::Scalar, Isa::Avx512}) {  // scalar and gathering paths
+            for (Isa level : {Isa::Scalar, Isa::Avx2, Isa::Avx512}) {  // scalar and gathering paths
                 setIsaLimit(level);
                 for (Talvoro::frame::WorkerPool* pool : {&alone, &four}) {
                     cv::Mat ours(depth.size(), CV_16UC1);
@@ -132,7 +132,8 @@ TEST(Undistortion, FlyingPixelsComeBeforeItOnlyInModeTwo) {
     EXPECT_EQ(cv::norm(run(undistort | fly, 0, scene), undistortFirst, cv::NORM_INF), 0);
 }
 
-// Every instruction level and thread count; the holes land on the principal point in order.
+// The scalar, AVX2 and AVX-512 paths at every thread count; the holes land on the principal
+// point in order.
 TEST(Registration, MatchesCvRegisterDepth) {
     Talvoro::frame::WorkerPool alone(0), pair(1), four(3);
     cv::Mat depth(480, 640, CV_16UC1);
@@ -160,7 +161,7 @@ TEST(Registration, MatchesCvRegisterDepth) {
             cv::rgbd::registerDepth(c.depthK, c.rgbK, rgbD, metres(c.extrinsic), depth, size,
                                     expected, true);
             EXPECT_GT(cv::countNonZero(expected), int(size.area() / 4));
-            for (Isa level : {Isa::Scalar, Isa::Avx512}) {
+            for (Isa level : {Isa::Scalar, Isa::Avx2, Isa::Avx512}) {
                 setIsaLimit(level);
                 for (Talvoro::frame::WorkerPool* pool : {&alone, &pair, &four}) {
                     cv::Mat ours(size, CV_16UC1, cv::Scalar(7));
