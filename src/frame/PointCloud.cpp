@@ -6,6 +6,8 @@
 
 #include <opencv2/calib3d.hpp>
 
+#include "frame/LensDistortion.h"
+
 namespace Talvoro::frame {
 
 namespace {
@@ -259,9 +261,7 @@ void colourByProjection(const float* xyz, uint32_t count, const CameraCalibratio
     const cv::Vec3d& t = depthToColour.translation;
     // A tilted sensor (14 coefficients) is left to cv::projectPoints. Every other model is
     // projected here with the same operations on the same values, so each point lands on the
-    // same pixel, without a point list per frame; terms whose coefficients are all zero are
-    // skipped, which changes nothing for a finite point (and one that is not finite is black
-    // either way).
+    // same pixel, without a point list per frame.
     const bool tilted = colour.distortion.size() > 12;
     std::vector<cv::Point2f> uv;
     std::vector<float> depths;
@@ -303,21 +303,8 @@ void colourByProjection(const float* xyz, uint32_t count, const CameraCalibratio
             const double y =
                 double(float(R(1, 0) * px + R(1, 1) * py + R(1, 2) * pz + t[1])) * inverse;
             // cv::projectPoints with no rotation and no translation.
-            const double r2 = x * x + y * y, r4 = r2 * r2, r6 = r4 * r2;
-            const double a1 = 2 * x * y, a2 = r2 + 2 * x * x, a3 = r2 + 2 * y * y;
-            const double radial = 1 + k[0] * r2 + k[1] * r4 + k[4] * r6;
-            double xd = x * radial, yd = y * radial;
-            if (rational) {
-                const double divisor = 1. / (1 + k[5] * r2 + k[6] * r4 + k[7] * r6);
-                xd *= divisor;
-                yd *= divisor;
-            }
-            xd = xd + k[2] * a1 + k[3] * a2;
-            yd = yd + k[2] * a3 + k[3] * a1;
-            if (prism) {
-                xd = xd + k[8] * r2 + k[9] * r4;
-                yd = yd + k[10] * r2 + k[11] * r4;
-            }
+            double xd, yd;
+            distortAsOpenCv(x, y, k, rational, prism, &xd, &yd);
             u = float(xd * fx + cx);
             v = float(yd * fy + cy);
         }

@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "frame/Cpu.h"
+#include "frame/LensDistortion.h"
 
 #if TALVORO_X86_64
 #include <immintrin.h>
@@ -146,24 +147,8 @@ DepthRegistration::Landing DepthRegistration::land(uint16_t raw, int i, int j) c
         z = z != 0 ? 1. / z : 1;
         x *= z;
         y *= z;
-        const double r2 = x * x + y * y, r4 = r2 * r2, r6 = r4 * r2;
-        const double a1 = 2 * x * y, a2 = r2 + 2 * x * x, a3 = r2 + 2 * y * y;
-        const double* k = k_;
-        const double radial = 1 + k[0] * r2 + k[1] * r4 + k[4] * r6;
-        double xd = x * radial, yd = y * radial;
-        // Terms whose coefficients are all 0 add exactly nothing to a finite point (and a point
-        // that is not finite is dropped either way), so they are skipped.
-        if (rational_) {
-            const double inverse = 1. / (1 + k[5] * r2 + k[6] * r4 + k[7] * r6);
-            xd *= inverse;
-            yd *= inverse;
-        }
-        xd = xd + k[2] * a1 + k[3] * a2;
-        yd = yd + k[2] * a3 + k[3] * a1;
-        if (prism_) {
-            xd = xd + k[8] * r2 + k[9] * r4;
-            yd = yd + k[10] * r2 + k[11] * r4;
-        }
+        double xd, yd;
+        distortAsOpenCv(x, y, k_, rational_, prism_, &xd, &yd);
         if (tilted_) {
             const cv::Vec3d t = tilt_ * cv::Vec3d(xd, yd, 1);
             const double p = t(2) != 0 ? 1. / t(2) : 1;
