@@ -105,7 +105,7 @@ void everythingOn(const Camera& c, DataMode mode) {
 }
 
 struct Pass {
-    std::vector<double> callMs, latencyMs, announcedMs;
+    std::vector<double> callMs, getFramesMs, latencyMs, announcedMs;
     unsigned frames = 0, lost = 0;
 };
 
@@ -120,9 +120,12 @@ void drive(const Camera& c, Clock::time_point warm, Clock::time_point end, Pass*
         if (!announced.waitBeyond(c.index, seen, &seen, &announcedNs)) continue;
         const Clock::time_point t0 = Clock::now();
         if (GetNextFrame(c.handle) != Ok) continue;
+        const Clock::time_point t1 = Clock::now();
         Frames frames{};
         GetFrames(c.handle, &frames);
-        const double callMs = std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
+        const Clock::time_point t2 = Clock::now();
+        const double callMs = std::chrono::duration<double, std::milli>(t2 - t0).count();
+        const double getFramesMs = std::chrono::duration<double, std::milli>(t2 - t1).count();
         FrameInfo info{};
         if (GetFrameInfo(c.handle, &info) != Ok) continue;
         const uint64_t doneNs = monotonicNs();
@@ -139,6 +142,7 @@ void drive(const Camera& c, Clock::time_point warm, Clock::time_point end, Pass*
         lastSequence = info.sequence;
         ++out->frames;
         out->callMs.push_back(callMs);
+        out->getFramesMs.push_back(getFramesMs);
         out->latencyMs.push_back(latencyMs);
         out->announcedMs.push_back(announcedMs);
     }
@@ -170,6 +174,7 @@ Summary run(const char* name, std::vector<Camera> cameras, DataMode mode, double
         all.frames += p.frames;
         all.lost += p.lost;
         all.callMs.insert(all.callMs.end(), p.callMs.begin(), p.callMs.end());
+        all.getFramesMs.insert(all.getFramesMs.end(), p.getFramesMs.begin(), p.getFramesMs.end());
         all.latencyMs.insert(all.latencyMs.end(), p.latencyMs.begin(), p.latencyMs.end());
         all.announcedMs.insert(all.announcedMs.end(), p.announcedMs.begin(), p.announcedMs.end());
     }
@@ -184,6 +189,8 @@ Summary run(const char* name, std::vector<Camera> cameras, DataMode mode, double
     std::printf("  GetNextFrame + GetFrames ms: median %.2f  p90 %.2f  p99 %.2f  max %.2f\n",
                 percentile(all.callMs, 0.5), percentile(all.callMs, 0.9),
                 percentile(all.callMs, 0.99), percentile(all.callMs, 1));
+    std::printf("    of which GetFrames ms: median %.2f  p90 %.2f\n",
+                percentile(all.getFramesMs, 0.5), percentile(all.getFramesMs, 0.9));
     std::printf("  capture to processed frame ms: median %.2f  p90 %.2f  p99 %.2f  max %.2f\n",
                 percentile(all.latencyMs, 0.5), percentile(all.latencyMs, 0.9),
                 percentile(all.latencyMs, 0.99), percentile(all.latencyMs, 1));
